@@ -1,0 +1,55 @@
+// Settings records and their readers. The files under ./config/ are read by plain tag
+// search, not by an XML parser: element order matters, attributes and comments do not.
+#pragma once
+
+#include <vector>
+
+struct _LoaclParam {
+    int nPort;      // message-server port; <= 0: do not start
+    int nHttpPort;  // HTTP port; <= 0: do not start
+    int nLanguge;
+    bool bLinkCms;
+    char szCmsIP[100];
+    int nCmsPort;
+    char szSerial[50];
+    char szDirect[100];
+    bool bLocalMedia;
+    char szMediaIP[100];
+    int nMediaPort;
+    char szRouteIP[100];
+};
+
+struct _cmsParam {
+    char szDbAddr[100];
+    char szDbName[100];
+    char szDbUser[30];
+    char szDbPass[30];
+    int szDbPort;    // an integer despite its prefix
+    int nLocalMode;  // non-zero: start the analytics event links
+};
+
+struct _file_path {
+    char name[255];
+    int mode;
+    int type;
+    char path[255];
+};
+
+struct _RtspHelpString {
+    char name[255];
+    bool bCheckPass;
+    int link;
+    int type;
+    int mode;
+    char main[255];
+    char second[255];
+};
+
+// Directory the readers look in; "./config" unless a test points it elsewhere.
+void SetConfigDir(const char* dir);
+const char* GetConfigDir();
+
+int readconfig(_LoaclParam* param);    // ./config/cmslocal.xml; 1 or 0
+int readcmsconfig(_cmsParam* param);   // ./config/cmsparam.xml; 1 or 0
+int readfilepath(std::vector<_file_path*>& paths);  // file-store roots; always 1
+int readdevconfig();                   // ./config/dev.xml into m_arrRtspString; 1 or 0
