@@ -1,0 +1,65 @@
+// The server object: start-up, the catalogue load and reset, the message and HTTP
+// listeners, and the background threads. There is exactly one, built by main().
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <thread>
+
+class CQue;
+class CMysqlDB;
+struct _msg_domain_info;
+struct _hcrecord_Info;
+
+class CCMSSvrDlg {
+public:
+    CCMSSvrDlg();
+    ~CCMSSvrDlg();
+    CCMSSvrDlg(const CCMSSvrDlg&) = delete;
+    CCMSSvrDlg& operator=(const CCMSSvrDlg&) = delete;
+
+    // ---- Lifecycle ----
+    void InitSDK();
+    void DestroySDK();
+    bool InitSystem();
+    bool LoadData();
+    bool ReleaseData();
+    bool ResetSystem();
+    bool ClearSystem();
+    void RunMessageServer(bool start);
+    void RunHttpServer(bool start);
+    void MessageProcessRun(bool start);   // maintenance thread
+    void LocalIntvProcessRun(bool start); // analytics event links
+    // One round of the main loop: load until it succeeds, then serve resets.
+    void LoopOnce();
+
+    // ---- Message protocol ----
+    static void MessageCallBack(int clientId, unsigned char* data, int length,
+                                CCMSSvrDlg* self);
+    static void HttpCallBack(int clientId, unsigned char* data, int length, CCMSSvrDlg* self);
+    static int SetClientStopBySession(unsigned int session, int type);
+
+    // ---- Node registration ----
+    long GetLastRegion(CMysqlDB* db);
+    void* AddNode(int id, int type);
+    void* AddNodeFromSerial(const char* serial, int type);
+    long ProcessNode(_msg_domain_info* node);
+
+    bool IsLoaded() const { return m_bLoaded; }
+    int ServerID() const { return m_nServerID; }
+    int HttpServerID() const { return m_nHttpServerID; }
+
+    CQue* m_pmsgQue;
+    int m_nServerID;
+    int m_nHttpServerID;
+    std::atomic<bool> m_bMsgExit;
+    int64_t m_nLastRecord;
+    bool m_bResetData;
+    std::atomic<int64_t> m_nLastRegion;
+    std::atomic<bool> m_bDevIntvEventExit;
+    std::atomic<bool> m_bSvrIntvEventExit;
+
+private:
+    bool m_bLoaded = false;  // the first LoadData of this run succeeded
+    std::thread m_msgThread;
+};
