@@ -39,6 +39,11 @@ public:
     static void HttpCallBack(int clientId, unsigned char* data, int length, CCMSSvrDlg* self);
     static int SetClientStopBySession(unsigned int session, int type);
 
+    // ---- Event ingestion ----
+    void ProcessEventBuf(int loginId, int mode, const unsigned char* buffer, int length);
+    void ProcessEventFromStruct(const unsigned char* buffer, int length);
+    bool IntvDownProcess();
+
     // ---- Node registration ----
     long GetLastRegion(CMysqlDB* db);
     void* AddNode(int id, int type);
