@@ -15,17 +15,28 @@ public:
     CMysqlDB& operator=(const CMysqlDB&) = delete;
 
     bool IsOpen() const { return m_bOpen; }
-    // Note the argument order: host, port, user, password, database.
+    // Note the argument order: host, port, user, password, database. An unreachable server
+    // fails within a few seconds (connect timeout). Calling it on an open object closes
+    // the old connection first.
     bool Connect(const char* host, int port, const char* user, const char* password,
                  const char* database);
     // Runs an INSERT and reads back the new id. On success `sql` is overwritten with
-    // "select last_insert_id()": pass a writable buffer of at least 24 bytes.
+    // "select last_insert_id()" (as much of it as fits in strlen(sql)+1 bytes).
+    // insertId is left alone when the id cannot be read.
     bool Execute(char* sql, int64_t& insertId);
-    // Runs a statement that returns no rows.
+    // Runs a statement; any rows it returns are read and dropped.
     bool Execute(const char* sql);
     // Opens a streamed result; rowCount is the count known at open time (0 while streaming).
+    // Only one streamed result can be open on a connection at a time.
     bool OpenRecordSet(const char* sql, MYSQL_RES*& result, int& rowCount, int& colCount);
+    // Frees a result of OpenRecordSet (reading its remaining rows). A result that Close
+    // already released is not touched again.
     bool FreeResult(MYSQL_RES* result);
+    // True while `result` is the open streamed result of this connection.
+    bool IsStreaming(const MYSQL_RES* result) const {
+        return result && result == m_pStreaming;
+    }
+    // Releases an open streamed result, then the connection.
     void Close();
 
     // Escapes `in` for use inside a quoted literal; `out` holds at least 2*strlen(in)+1.
@@ -33,6 +44,8 @@ public:
     MYSQL* Handle() const { return sock; }
 
 private:
+    void ReleaseStreaming();
+
     unsigned int m_unExcude;  // tick of the last connect or statement; 0 after Close
     std::mutex m_cs;          // guards Connect and Close only
     MYSQL* sock;
@@ -42,4 +55,5 @@ private:
     char m_szUser[20];
     char m_szPass[20];
     char m_db[30];
+    MYSQL_RES* m_pStreaming;  // the streamed result handed out and not yet freed
 };
