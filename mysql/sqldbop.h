@@ -9,6 +9,7 @@
 #include "mysql/MysqlDB.h"
 #include "mysql/MysqlRecordSet.h"
 #include "mysql/dbrecords.h"
+#include "mysql/eventwriter.h"
 
 // ---- Statement helpers (connect with m_cfgCms, run, close) ----
 bool ConnectDB(CMysqlDB* db);

@@ -1,0 +1,68 @@
+// Event and status writers: every event the server records ends here as one row, written
+// over a connection of its own, plus the readers of the analytics alarm log.
+//
+// Locks: each log-table family has its own mutex, held across connect, insert and close,
+// so at most one insert per family is in flight while families run in parallel. The
+// status update and the readers take no lock.
+//
+// Failures are reported only as a 0 id (or false): nothing is retried or queued, so an
+// event that meets a database outage is lost.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+
+class CMysqlDB;
+
+// One analytics alarm read back from `intveventlog`.
+struct _alarm_Info {
+    int64_t nAlarmID;      // id
+    uint32_t unTime;       // loctime: when the event happened
+    uint32_t unLocalTime;  // logtime: when the row was written
+    int nNodeID;
+    int nNodeType;
+    int nAlarmType;  // eventtype
+};
+
+// Writer families.
+extern std::mutex csWriteDev;       // deveventlog
+extern std::mutex csWriteRun;       // devrunlog
+extern std::mutex csWriteDiagnose;  // devdiagnoselog
+extern std::mutex csWriteIntv;      // intveventlog, intveventlog2
+extern std::mutex csWritePerson;    // faceeventlog, faceeventlog2
+
+// "%d-%d-%d %d:%d:%d" of the local time `t`, without zero padding (2024-3-5 7:4:9).
+void FormatLogTime(uint32_t t, char* out, size_t outSize);
+
+// Inserts return the new row id, 0 on failure. Event types keep only their low 24 bits;
+// descriptions are escaped, so any text is stored as given (a description too long for
+// the 1024-byte statement is refused). `eventTime` fills `loctime`.
+int64_t WrightMySqlDevEventInfo(int nodeId, int nodeType, int eventType, const char* descript);
+int64_t WrightMySqlDiagnoseInfo(uint32_t eventTime, int nodeId, int nodeType, int eventType,
+                                int param, const char* descript);
+// An event time of 0 means "now" here alone.
+int64_t WrightMySqlRunInfo(uint32_t eventTime, int nodeId, int nodeType, int eventType,
+                           int param, const char* descript);
+// Both print "alarm:<statement>" before running it.
+int64_t WrightMySqlAlarmInfo(uint32_t eventTime, int nodeId, int nodeType, int eventType,
+                             int param, const char* descript);
+int64_t WrightMySqlAlarmInfoStruct(uint32_t eventTime, int nodeId, int nodeType, int eventType,
+                                   int param, const char* descript);
+// Face recognitions: the similarity goes to `alike`, `status` is always 0.
+int64_t WrightMySqlPerson(uint32_t eventTime, int nodeId, int nodeType, int personId, int age,
+                          int gender, int similarity);
+int64_t WrightMySqlPersonStruct(uint32_t eventTime, int nodeId, int nodeType, int personId,
+                                int age, int gender, int similarity);
+
+// Writes the status word of a device (2), channel (3), server (1) or server channel (9).
+// Any other node type fails. Prints the statement with "succ" or "faild".
+bool UpdateNodeStatus(int id, int nodeType, unsigned int status);
+
+// The first alarm (in table order) with an id above `lastId` whose event time is at
+// least 10 seconds old, so that its pictures have had time to arrive. Uses the caller's
+// open connection; false when there is none, or on a null `out`.
+bool GetRecordLog(CMysqlDB* db, int64_t lastId, _alarm_Info* out);
+
+// Id of the newest confirmed alarm (cstatus = 1), 0 when none or on failure.
+int64_t GetLastEvent();
