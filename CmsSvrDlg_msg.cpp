@@ -1,0 +1,286 @@
+// The message protocol: one table from message type to handler, the handlers of the
+// one-shot requests (files, database operations, play addresses, node lists), registration
+// status, and the disconnect of persistent clients.
+//
+// One-shot clients are closed a little after their reply (VornServerKillClientDelayed) so
+// they can read it; no library thread ever sleeps here.
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <new>
+
+#include "CmsSvrDlg.h"
+#include "CmsSvrDlg_handlers.h"
+#include "VornNetSDK.h"
+#include "comm/filestore.h"
+#include "comm/globle.h"
+#include "comm/localdata.h"
+#include "comm/nodeurl.h"
+#include "comm/subreg.h"
+#include "mysql/nodecatalog.h"
+#include "mysql/sqldbop.h"
+
+using namespace cmsmsg;
+
+namespace {
+
+// Pauses between a one-shot reply and the close, in milliseconds.
+constexpr int kDeleteFileCloseMs = 10;
+constexpr int kWriteFileCloseMs = 50;
+constexpr int kGetUrlCloseMs = 100;
+constexpr int kGetFileCloseMs = 200;
+constexpr int kGetFileDataMs = 500;  // extra time to read a file that was sent
+constexpr int kSqlCloseMs = 500;
+constexpr int kSqlDataMs = 1000;  // extra time to read a query result
+
+void SendData(int clientId, const void* data, int length) {
+    VornServerSendData(clientId, static_cast<const unsigned char*>(data), length);
+}
+
+void OnAlarm(const MsgContext& m) { m.self->ProcessEventBuf(m.clientId, 0, m.payload, m.length); }
+
+// ---- Node lists ----
+
+int ShareNodeList(const char* code, char*& buf, int& len) {
+    int pushMode = -1;
+    {
+        CatalogReadLock lock(csCatalog);
+        _domain_info* d = GetDomainInfoByCode(m_arrDomainFromDB, code);
+        if (!d) return 0;
+        pushMode = d->svr.nPushMode;
+    }
+    switch (pushMode) {
+        case GB_PUSH_SHARE: return GetServerNodeFromShare(code, 0, buf, len);
+        case GB_PUSH_SHARE_DEV: return GetServerNodeFromShare(code, 1, buf, len);
+        case GB_PUSH_GROUP: return GetServerNodeFromGroup(code, buf, len);
+        case GB_PUSH_CMS: return GetServerNodeFromRegion(code, 0, buf, len);
+        case GB_PUSH_CMS_DEV: return GetServerNodeFromRegion(code, 1, buf, len);
+        default: return 0;
+    }
+}
+
+// Payload: the data type (4 bytes), 4 unused bytes, then the code. Missing bytes read as 0.
+void OnGetData(const MsgContext& m) {
+    unsigned char request[GET_DATA_CODE_OFFSET + 128] = {};
+    std::memcpy(request, m.payload, std::min(static_cast<size_t>(m.length), sizeof(request) - 1));
+    int32_t type = 0;
+    std::memcpy(&type, request, sizeof(type));
+    const char* code = reinterpret_cast<const char*>(request + GET_DATA_CODE_OFFSET);
+    char* buf = nullptr;
+    int len = 0;
+    int result = 0;
+    if (type == DATA_GB_DOMAIN_NODE)
+        result = GetDomainServer(code, buf, len);
+    else if (type == DATA_GB_SHARE_NODE)
+        result = ShareNodeList(code, buf, len);
+    if (!result)
+        VornServerSendState(m.clientId, 1);
+    else if (buf)
+        SendData(m.clientId, buf, len);
+    else
+        VornServerSendState(m.clientId, 0);
+    delete[] buf;
+}
+
+// ---- Files: nFrom is the area type, nFromClientID the object id, nTo the picture ----
+
+void OnGetFile(const MsgContext& m) {
+    char* buf = nullptr;
+    int len = 0;
+    int closeMs = kGetFileCloseMs;
+    if (GetFileEx(m.head.nFrom, m.head.nFromClientID, m.head.nTo, buf, len) == 1 && buf) {
+        SendData(m.clientId, buf, len);
+        closeMs += kGetFileDataMs;
+    } else {
+        // A missing file is answered with data holding 1, not with a state.
+        const unsigned char one[4] = {1, 0, 0, 0};
+        SendData(m.clientId, one, sizeof(one));
+    }
+    delete[] buf;
+    VornServerKillClientDelayed(m.clientId, closeMs);
+}
+
+void OnWriteFile(const MsgContext& m) {
+    int saved = SaveFileEx2(m.head.nFrom, m.head.nFromClientID, m.head.nTo,
+                            reinterpret_cast<const char*>(m.payload), m.length);
+    VornServerSendState(m.clientId, saved == 1 ? 0 : 1);
+    VornServerKillClientDelayed(m.clientId, kWriteFileCloseMs);
+}
+
+void OnDeleteFile(const MsgContext& m) {
+    int removed = DeleteFileEx(m.head.nFrom, m.head.nFromClientID);
+    VornServerSendState(m.clientId, removed == 1 ? 0 : 1);
+    VornServerKillClientDelayed(m.clientId, kDeleteFileCloseMs);
+}
+
+// ---- Database operations: nFrom is the operation ----
+
+// Answers a query with its rows; returns the extra close delay.
+int QueryMyself(int clientId, char* sql) {
+    char* out = nullptr;
+    int len = 0;
+    int result = GetMyselfData(sql, &out, &len);
+    int extraMs = 0;
+    if (result == -1) {
+        VornServerSendState(clientId, 1);
+    } else if (result == 0) {
+        VornServerSendState(clientId, 0);
+    } else {
+        SendData(clientId, out, len);
+        extraMs = kSqlDataMs;
+    }
+    delete[] out;
+    return extraMs;
+}
+
+void OnSqlOperation(const MsgContext& m) {
+    int closeMs = kSqlCloseMs;
+    std::unique_ptr<char[]> sql(m.length > 0 ? new (std::nothrow) char[m.length + 1] : nullptr);
+    if (!sql) {
+        VornServerSendState(m.clientId, 1);
+    } else {
+        std::memcpy(sql.get(), m.payload, static_cast<size_t>(m.length));
+        sql[m.length] = '\0';
+        if (m.head.nFrom == DATAQUERYMYSELF) {
+            closeMs += QueryMyself(m.clientId, sql.get());
+        } else if (m.head.nFrom == DATAADD) {
+            // The state carries the new row's id (0 when the insert failed), deliberately.
+            VornServerSendState(m.clientId, static_cast<int>(AddRecordBySQL(sql.get())));
+        } else {
+            VornServerSendState(m.clientId, OperateDBBySQL(sql.get()) ? 0 : 1);
+        }
+    }
+    VornServerKillClientDelayed(m.clientId, closeMs);
+}
+
+// ---- Play addresses: nFrom 0 by node id and type, 1 by channel or device code ----
+
+void OnGetUrl(const MsgContext& m) {
+    _msg_url_req req{};
+    std::memcpy(&req, m.payload, sizeof(req));
+    req.code[sizeof(req.code) - 1] = '\0';
+    _msg_link_info link{};
+    int result = 0;
+    if (m.head.nFrom == 0)
+        result = GetUrlFromNode(static_cast<int>(req.nodeid), req.nodtype, link.szDirect,
+                                sizeof(link.szDirect));
+    else if (m.head.nFrom == 1)
+        result = GetLinkInfoFromCode(req.code, &link);
+    if (result == 1)
+        SendData(m.clientId, &link, sizeof(link));
+    else
+        VornServerSendState(m.clientId, 1);
+    VornServerKillClientDelayed(m.clientId, kGetUrlCloseMs);
+}
+
+// ---- Registration status reported by a logged-in server ----
+
+bool ServerByLogin(int clientId, _sysserver_info& copy) {
+    CatalogReadLock lock(csCatalog);
+    _sysserver_info* s = GetSystemSvrByLogin(clientId, m_arrServerFromDB);
+    if (s) copy = *s;
+    return s != nullptr;
+}
+
+void OnSubServerStatus(const MsgContext& m) {
+    char text[200] = {};
+    std::memcpy(text, m.payload, std::min(static_cast<size_t>(m.length), sizeof(text) - 1));
+    _dev_register reg{};
+    if (ParasRegistFromXML(text, &reg) != 1) return;
+    _sysserver_info server{};
+    if (ServerByLogin(m.clientId, server)) ProcessSubDev(&server, &reg);
+}
+
+// ---- The table ----
+
+// One row per handled message type. Columns:
+//   type        the header's nType
+//   minPayload  shorter payloads are dropped without a reply
+//   maxPayload  longer payloads are dropped without a reply; -1 for no limit
+//   handler     does the work and sends any reply
+// Types without a row are accepted and ignored, and the connection stays.
+struct MsgRoute {
+    uint8_t type;
+    int minPayload;
+    int maxPayload;
+    void (*handler)(const MsgContext& m);
+};
+
+constexpr MsgRoute kMsgRoutes[] = {
+    {CMS_MSG_LOGIN, 0, 99, OnLogin},
+    {CMS_MSG_ALARM, 0, -1, OnAlarm},
+    {CMS_MSG_PUSH_DATA, sizeof(_msg_domain_info), -1, OnPushData},
+    {CMS_MSG_GET_DATA, 0, -1, OnGetData},
+    {CMS_MSG_GETFILE, 0, -1, OnGetFile},
+    {CMS_MSG_WRITEFILE, 0, -1, OnWriteFile},
+    {CMS_MSG_DELETEFILE, 0, -1, OnDeleteFile},
+    {CMS_MSG_SQLOPERATION_EX, 0, -1, OnSqlOperation},
+    {CMS_MSG_GET_URL, sizeof(_msg_url_req), -1, OnGetUrl},
+    {CMS_MSG_SUBSERVERSTATUS, 0, 199, OnSubServerStatus},
+};
+
+const MsgRoute* FindRoute(uint8_t type) {
+    for (const MsgRoute& route : kMsgRoutes)
+        if (route.type == type) return &route;
+    return nullptr;
+}
+
+// A persistent client went away: the first of domain, server, device logged in on it is
+// marked logged out. Servers and devices of another mode keep their login.
+void OnDisconnect(int clientId) {
+    const char* kind = nullptr;
+    char name[64] = {};
+    {
+        CatalogWriteLock lock(csCatalog);
+        _sysserver_info* s = nullptr;
+        _hcrecord_Info* d = nullptr;
+        if (_domain_info* dom = GetDomainInfoByLogin(m_arrDomainFromDB, clientId)) {
+            dom->lLoginID = -1;
+            kind = "domain";
+            CopyText(name, dom->svr.szCode);
+        } else if ((s = GetSystemSvrByLogin(clientId, m_arrServerFromDB)) && s->nMode == 0) {
+            s->lLoginID = -1;
+            kind = "server";
+            CopyText(name, s->svr.szSerial);
+        } else if ((d = GetDeviceInfoByLogin(m_arrRecordInfos, clientId)) && d->nMode == 0) {
+            d->lLoginID = -1;
+            kind = "dev";
+            CopyText(name, d->dev.szSerial);
+        }
+    }
+    if (kind) printf("%s :%s logout\n", kind, name);
+}
+
+}  // namespace
+
+void CCMSSvrDlg::MessageCallBack(int clientId, unsigned char* data, int length,
+                                 CCMSSvrDlg* self) {
+    if (!self) return;
+    if (!data) return OnDisconnect(clientId);
+    if (length < static_cast<int>(sizeof(_msg_head_info))) return;
+    char peer[96] = {};
+    char local[96] = {};
+    VornServerGetClientAddr(clientId, peer, sizeof(peer));
+    VornServerGetLocalAddr(clientId, local, sizeof(local));
+    MsgContext m{self, clientId, {}, data + sizeof(_msg_head_info),
+                 length - static_cast<int>(sizeof(_msg_head_info))};
+    std::memcpy(&m.head, data, sizeof(m.head));
+    const MsgRoute* route = FindRoute(m.head.nType);
+    if (!route || m.length < route->minPayload) return;
+    if (route->maxPayload >= 0 && m.length > route->maxPayload) return;
+    route->handler(m);
+}
+
+int CCMSSvrDlg::SetClientStopBySession(unsigned int session, int type) {
+    std::lock_guard<std::mutex> lock(csRecorder);
+    for (auto it = m_arrUserInfos.rbegin(); it != m_arrUserInfos.rend(); ++it) {
+        if ((*it)->type == type && (*it)->unSession == session) {
+            (*it)->bStop = true;
+            break;
+        }
+    }
+    return 0;
+}

@@ -1,0 +1,324 @@
+// Node registration: nodes fetched by id or serial, and node trees pushed by lower domains
+// (GB28181-style codes), inserted into the database and mirrored in the catalogue.
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+#include "CmsSvrDlg.h"
+#include "CmsSvrDlg_handlers.h"
+#include "comm/globle.h"
+#include "comm/mystring.h"
+#include "comm/sysutil.h"
+#include "mysql/sqldbop.h"
+
+using namespace cmsmsg;
+
+namespace {
+
+// Serialises the look-up, insert and append of the root and the special regions, so that two
+// pushes arriving together never create the same region twice. Held across the insert;
+// taken before (never while holding) csCatalog.
+std::mutex csRegionCreate;
+
+constexpr size_t kGbCodeLength = 20;
+
+// Runs an INSERT on `db`; the new id, or 0 when it failed. `sql` is overwritten.
+int64_t InsertRow(CMysqlDB& db, char* sql) {
+    int64_t id = 0;
+    if (!db.Execute(sql, id)) return 0;
+    return id;
+}
+
+void AppendRegion(int id, const char* name, const char* serial, int type, int parent) {
+    auto* r = new _msg_region_base{};
+    r->nID = id;
+    CopyText(r->szName, name);
+    CopyText(r->szSerial, serial);
+    r->nType = type;
+    r->nParentID = parent;
+    CatalogWriteLock lock(csCatalog);
+    m_arrRegionInfos.push_back(r);
+}
+
+int RegionId(_msg_region_base* r) { return r ? r->nID : 0; }
+
+template <class T, class Load>
+T* AppendFirstRow(CMysqlDB& db, const char* sql, Load load, std::vector<T*>& into) {
+    std::vector<T*> rows;
+    load(&db, sql, rows);
+    if (rows.empty()) return nullptr;
+    T* first = rows.front();
+    rows.erase(rows.begin());
+    ReleaseArray(rows);
+    CatalogWriteLock lock(csCatalog);
+    into.push_back(first);
+    return first;
+}
+
+// Fetches one node row of `type` with `sql` and appends it to its catalogue vector.
+void* AppendNodeRow(CMysqlDB& db, int type, const char* sql) {
+    switch (type) {
+        case DEVICE_NODE: return AppendFirstRow(db, sql, GetVideoDev_FromDB, m_arrRecordInfos);
+        case DOMAIN_NODE: return AppendFirstRow(db, sql, GetDomain_FromDB, m_arrDomainFromDB);
+        case SERVER_NODE: return AppendFirstRow(db, sql, GetSystemServer_FromDB, m_arrServerFromDB);
+        default: return nullptr;
+    }
+}
+
+const char* NodeTable(int type) {
+    switch (type) {
+        case DEVICE_NODE: return "device";
+        case DOMAIN_NODE: return "domaininfo";
+        case SERVER_NODE: return "serverinfo";
+        default: return nullptr;
+    }
+}
+
+// ---- Pushed nodes ----
+
+// One pushed node being inserted, with what the steps learn on the way.
+struct PushedNode {
+    _msg_domain_info node;  // terminated copy
+    char name[200];         // UTF-8 display name
+    char escName[401];      // name and code escaped for quoted SQL literals
+    char escCode[61];
+    int rootId;
+    int domainId;
+    int lastRegionInsert;  // id of the last region this call inserted, 0 when none
+    char sql[1024];        // the statement of the node row
+};
+
+void PrepareNode(const _msg_domain_info* in, PushedNode& p) {
+    std::memcpy(&p.node, in, sizeof(p.node));
+    _msg_domain_info& n = p.node;
+    n.szCode[sizeof(n.szCode) - 1] = '\0';
+    n.szParentCode[sizeof(n.szParentCode) - 1] = '\0';
+    n.szCityCode[sizeof(n.szCityCode) - 1] = '\0';
+    n.szDomainCode[sizeof(n.szDomainCode) - 1] = '\0';
+    n.szName[sizeof(n.szName) - 1] = '\0';
+}
+
+// Converts the GB2312 name over the whole field: iconv stops at the first character that
+// no longer fits, so the zero tail of the field only costs output room, never the name.
+void ConvertName(CMysqlDB& db, PushedNode& p) {
+    int left = 0;
+    CHARToUTF8(p.node.szName, sizeof(p.node.szName), p.name, left);
+    p.name[sizeof(p.name) - 1] = '\0';
+    EscapeSql(&db, p.name, p.escName, sizeof(p.escName));
+    EscapeSql(&db, p.node.szCode, p.escCode, sizeof(p.escCode));
+}
+
+int RegionIdBySerial(const char* code) {
+    CatalogReadLock lock(csCatalog);
+    return RegionId(GetRegionInfobySerial(m_arrRegionInfos, code));
+}
+
+int RegionIdByType(int type) {
+    CatalogReadLock lock(csCatalog);
+    return RegionId(GetRegionInfobyType(m_arrRegionInfos, type));
+}
+
+bool DeviceIdBySerial(const char* serial, int& id) {
+    CatalogReadLock lock(csCatalog);
+    _hcrecord_Info* d = GetDeviceInfoBySerial(m_arrRecordInfos, serial);
+    if (d) id = d->dev.nID;
+    return d != nullptr;
+}
+
+bool ChannelExists(const char* serial) {
+    CatalogReadLock lock(csCatalog);
+    return GetVideoChanInfoBySerial(m_arrVideoChanInfos, serial) != nullptr;
+}
+
+int NonstandardRegion(CMysqlDB& db, PushedNode& p) {
+    return EnsureTypedRegion(db, REGION_TYPE_NONSTANDARD, NONSTANDARD_REGION_NAME, p.rootId,
+                             &p.lastRegionInsert);
+}
+
+// The parent code of a 20-character code: the pushed one, else the code up to its first "00".
+void GbParentCode(const _msg_domain_info& n, char (&out)[sizeof(n.szCode)]) {
+    if (n.szParentCode[0]) {
+        CopyText(out, n.szParentCode);
+        return;
+    }
+    out[0] = '\0';
+    if (const char* zeros = std::strstr(n.szCode, "00")) {
+        size_t len = static_cast<size_t>(zeros - n.szCode);
+        std::memcpy(out, n.szCode, len);
+        out[len] = '\0';
+    }
+}
+
+int ShiftedStatus(int status) { return static_cast<int>(static_cast<uint32_t>(status) << 16); }
+
+// Below a known device a 20-character code is one of its channels, otherwise a device.
+void ComposeGbDeviceOrChannel(PushedNode& p, const char* parentCode, int parentId) {
+    const _msg_domain_info& n = p.node;
+    int deviceId = 0;
+    if (DeviceIdBySerial(parentCode, deviceId)) {
+        // An existing channel composes nothing. devid is the last region this call inserted,
+        // not the device: rows have always been written so.
+        if (ChannelExists(n.szCode)) return;
+        std::snprintf(p.sql, sizeof(p.sql),
+                      "insert into devicechan(name,type,sn,scode,devid,domainid,status) "
+                      "values('%s',1,'%s','%s',%d,%d,%d)",
+                      p.escName, p.escCode, p.escCode, p.lastRegionInsert, p.domainId,
+                      ShiftedStatus(n.nStatus));
+        return;
+    }
+    std::snprintf(p.sql, sizeof(p.sql),
+                  "insert into device(name,hardwaretype,ftype,sn,scode,regionid,domainid,status) "
+                  "values('%s',1,%d,'%s','%s',%d,%d,%d)",
+                  p.escName, 3, p.escCode, p.escCode, parentId, p.domainId,
+                  ShiftedStatus(n.nStatus));
+}
+
+long InsertGbNode(CMysqlDB& db, PushedNode& p) {
+    char parentCode[sizeof(p.node.szCode)];
+    GbParentCode(p.node, parentCode);
+    int parentId = RegionIdBySerial(parentCode);
+    if (!parentId && !(parentId = NonstandardRegion(db, p))) return 0;
+    if (IsNodeGbRegion(p.node.szCode) == 1)
+        std::snprintf(p.sql, sizeof(p.sql),
+                      "insert into region(name,sn,scode,parentid,domainid) values "
+                      "(\"%s\",\"%s\",\"%s\",%d,%d)",
+                      p.escName, p.escCode, p.escCode, parentId, p.domainId);
+    else
+        ComposeGbDeviceOrChannel(p, parentCode, parentId);
+    printf("insert node %s \n", p.sql);
+    if (!p.sql[0]) return 0;  // an empty statement inserts nothing
+    long id = static_cast<long>(InsertRow(db, p.sql));
+    // The catalogue mirrors every pushed node as a region, whichever table took the row.
+    if (id) AppendRegion(static_cast<int>(id), p.name, p.node.szCode, 0, parentId);
+    return id;
+}
+
+// Short administrative codes carry two digits per level.
+long InsertShortCodeRegion(CMysqlDB& db, PushedNode& p) {
+    const char* code = p.node.szCode;
+    const size_t len = std::strlen(code);
+    int parentId = 0;
+    if (len == 2) {
+        parentId = p.rootId;
+    } else if (len > 2) {
+        char parentCode[sizeof(p.node.szCode)] = {};
+        std::memcpy(parentCode, code, len - 2);
+        parentId = RegionIdBySerial(parentCode);
+        if (!parentId) parentId = RegionIdByType(REGION_TYPE_NONSTANDARD);
+    }
+    if (!parentId && !(parentId = NonstandardRegion(db, p))) return 0;
+    std::snprintf(p.sql, sizeof(p.sql),
+                  "insert into region(name,sn,scode,parentid,domainid,usecode) values "
+                  "(\"%s\",\"%s\",\"%s\",%d,%d,1)",
+                  p.escName, p.escCode, p.escCode, parentId, p.domainId);
+    long id = static_cast<long>(InsertRow(db, p.sql));
+    if (id) AppendRegion(static_cast<int>(id), p.name, code, 0, parentId);
+    return id;
+}
+
+// Without a domain the owner code may name a device that pushes its own channels.
+long InsertOwnChannel(CMysqlDB& db, PushedNode& p) {
+    int deviceId = 0;
+    if (!DeviceIdBySerial(p.node.szDomainCode, deviceId)) return 0;
+    if (ChannelExists(p.node.szCode)) return 0;
+    std::snprintf(p.sql, sizeof(p.sql),
+                  "insert into devicechan(name,sn,devid) values (\"%s\",\"%s\",%d)", p.escName,
+                  p.escCode, deviceId);
+    return static_cast<long>(InsertRow(db, p.sql));
+}
+
+long InsertPushedNode(CMysqlDB& db, PushedNode& p) {
+    p.rootId = EnsureRootRegion(db, &p.lastRegionInsert);
+    if (!p.rootId) return 0;
+    if (!FindDomainIdByCode(p.node.szDomainCode, p.domainId)) return InsertOwnChannel(db, p);
+    const size_t len = std::strlen(p.node.szCode);
+    if (len == 0 || len > kGbCodeLength) return 0;
+    if (len == kGbCodeLength) return InsertGbNode(db, p);
+    return InsertShortCodeRegion(db, p);
+}
+
+}  // namespace
+
+namespace cmsmsg {
+
+bool FindDomainIdByCode(const char* code, int& domainId) {
+    CatalogReadLock lock(csCatalog);
+    _domain_info* d = GetDomainInfoByCode(m_arrDomainFromDB, code);
+    if (!d) return false;
+    domainId = d->svr.nID;
+    return true;
+}
+
+int EnsureRootRegion(CMysqlDB& db, int* inserted) {
+    std::lock_guard<std::mutex> create(csRegionCreate);
+    {
+        CatalogReadLock lock(csCatalog);
+        if (_msg_region_base* root = GetRootRegion(m_arrRegionInfos)) return root->nID;
+    }
+    char sql[256];
+    std::snprintf(sql, sizeof(sql), "insert into region(name) values (\"%s\")", ROOT_REGION_NAME);
+    int id = static_cast<int>(InsertRow(db, sql));
+    if (!id) return 0;
+    AppendRegion(id, ROOT_REGION_NAME, "", 0, 0);
+    if (inserted) *inserted = id;
+    return id;
+}
+
+int EnsureTypedRegion(CMysqlDB& db, int type, const char* name, int rootId, int* inserted) {
+    std::lock_guard<std::mutex> create(csRegionCreate);
+    if (int id = RegionIdByType(type)) return id;
+    char sql[256];
+    std::snprintf(sql, sizeof(sql), "insert into region(name,parentid,regtype) values(\"%s\",%d,%d)",
+                  name, rootId, type);
+    int id = static_cast<int>(InsertRow(db, sql));
+    if (!id) return 0;
+    AppendRegion(id, name, "", type, rootId);
+    if (inserted) *inserted = id;
+    return id;
+}
+
+}  // namespace cmsmsg
+
+void* CCMSSvrDlg::AddNode(int id, int type) {
+    const char* table = NodeTable(type);
+    if (!table) return nullptr;
+    CMysqlDB db;
+    if (!ConnectDB(&db)) return nullptr;
+    char sql[128];
+    std::snprintf(sql, sizeof(sql), "select * from %s where id=%d", table, id);
+    void* record = AppendNodeRow(db, type, sql);
+    CloseDB(&db);
+    return record;
+}
+
+void* CCMSSvrDlg::AddNodeFromSerial(const char* serial, int type) {
+    const char* table = NodeTable(type);
+    if (!table || !serial) return nullptr;
+    CMysqlDB db;
+    if (!ConnectDB(&db)) return nullptr;
+    char escaped[256];
+    EscapeSql(&db, serial, escaped, sizeof(escaped));
+    char sql[384];
+    std::snprintf(sql, sizeof(sql), "select * from %s where sn='%s'", table, escaped);
+    void* record = AppendNodeRow(db, type, sql);
+    CloseDB(&db);
+    return record;
+}
+
+long CCMSSvrDlg::ProcessNode(_msg_domain_info* node) {
+    if (!node) return 0;
+    PushedNode p{};
+    PrepareNode(node, p);
+    // The domain itself is never inserted as its own child.
+    if (std::strcmp(p.node.szCode, p.node.szDomainCode) == 0) return 0;
+    CMysqlDB db;
+    if (!ConnectDB(&db)) return 0;
+    ConvertName(db, p);
+    printf("ProcessNode name:%s code:%s parent:%s city:%s domain:%s\n", p.name, p.node.szCode,
+           p.node.szParentCode, p.node.szCityCode, p.node.szDomainCode);
+    long id = InsertPushedNode(db, p);
+    CloseDB(&db);
+    return id;
+}
