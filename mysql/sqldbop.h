@@ -10,6 +10,7 @@
 #include "mysql/MysqlRecordSet.h"
 #include "mysql/dbrecords.h"
 #include "mysql/eventwriter.h"
+#include "mysql/nodecatalog.h"
 
 // ---- Statement helpers (connect with m_cfgCms, run, close) ----
 bool ConnectDB(CMysqlDB* db);
