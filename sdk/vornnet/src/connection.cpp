@@ -1,0 +1,264 @@
+#include "connection.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "engine.h"
+#include "listener.h"
+
+namespace vorn {
+
+namespace {
+
+thread_local bool t_inCallback = false;
+
+// Replies waiting for a client that does not read; beyond this the client is dropped.
+constexpr size_t kMaxQueuedOutput = 64u * 1024 * 1024;
+// Reading pauses at the high marks of undelivered messages and resumes at the low ones.
+constexpr size_t kBacklogHighCount = 256;
+constexpr size_t kBacklogHighBytes = 32u * 1024 * 1024;
+constexpr size_t kBacklogLowCount = 64;
+constexpr size_t kBacklogLowBytes = 8u * 1024 * 1024;
+
+std::string EndpointText(const asio::ip::tcp::endpoint& endpoint) {
+    return endpoint.address().to_string() + ":" + std::to_string(endpoint.port());
+}
+
+struct CallbackScope {
+    CallbackScope() { t_inCallback = true; }
+    ~CallbackScope() { t_inCallback = false; }
+};
+
+}  // namespace
+
+bool InCallback() { return t_inCallback; }
+
+Connection::Connection(int id, asio::ip::tcp::socket socket, std::unique_ptr<Codec> codec,
+                       std::shared_ptr<Listener> owner, Hooks hooks, asio::io_context& callbackIo)
+    : m_id(id),
+      m_hooks(hooks),
+      m_owner(std::move(owner)),
+      m_codec(std::move(codec)),
+      m_callbacks(asio::make_strand(callbackIo)),
+      m_socket(std::move(socket)),
+      m_idleTimer(m_socket.get_executor()),
+      m_closeTimer(m_socket.get_executor()) {
+    std::error_code ec;
+    auto peer = m_socket.remote_endpoint(ec);
+    if (!ec) m_peerAddr = EndpointText(peer);
+    auto local = m_socket.local_endpoint(ec);
+    if (!ec) m_localAddr = EndpointText(local);
+}
+
+void Connection::Start() {
+    asio::post(m_socket.get_executor(), [self = shared_from_this()] { self->DoRead(); });
+}
+
+bool Connection::SendState(int state) {
+    std::vector<uint8_t> bytes;
+    if (!m_codec->EncodeState(state, bytes)) return false;
+    Queue(std::move(bytes));
+    return true;
+}
+
+bool Connection::SendData(const uint8_t* data, size_t n) {
+    std::vector<uint8_t> bytes;
+    if (!m_codec->EncodeData(data, n, bytes)) return false;
+    Queue(std::move(bytes));
+    return true;
+}
+
+void Connection::SendRaw(const uint8_t* data, size_t n) {
+    if (n > 0) Queue(std::vector<uint8_t>(data, data + n));
+}
+
+void Connection::Queue(std::vector<uint8_t> bytes) {
+    asio::post(m_socket.get_executor(),
+               [self = shared_from_this(), bytes = std::move(bytes)]() mutable {
+                   self->Enqueue(std::move(bytes));
+               });
+}
+
+void Connection::Kill(int delayMs) {
+    asio::post(m_socket.get_executor(),
+               [self = shared_from_this(), delayMs] { self->RequestClose(delayMs); });
+}
+
+void Connection::Close() {
+    asio::post(m_socket.get_executor(), [self = shared_from_this()] { self->CloseNow(nullptr); });
+}
+
+// ---- reading ----
+
+void Connection::DoRead() {
+    if (m_closed) return;
+    m_socket.async_read_some(
+        asio::buffer(m_readBuffer),
+        [self = shared_from_this()](const std::error_code& ec, size_t n) { self->OnRead(ec, n); });
+}
+
+void Connection::OnRead(const std::error_code& ec, size_t n) {
+    if (ec) {  // peer closed, reset, or our own close cancelled the read
+        CloseNow(nullptr);
+        return;
+    }
+    if (m_closed) return;
+    bool intact = m_codec->Consume(m_readBuffer.data(), n, [this](std::vector<uint8_t>&& message) {
+        Deliver(std::move(message));
+    });
+    if (!intact) {
+        CloseNow(m_codec->Error().c_str());
+        return;
+    }
+    TouchIdleTimer();
+    if (PauseForBacklog()) return;
+    DoRead();
+}
+
+void Connection::Deliver(std::vector<uint8_t>&& message) {
+    if (m_closing) return;
+    size_t bytes = message.size();
+    m_backlogCount.fetch_add(1);
+    m_backlogBytes.fetch_add(bytes);
+    asio::post(m_callbacks, [self = shared_from_this(), message = std::move(message)]() mutable {
+        self->RunCallback(message.data(), static_cast<int>(message.size()));
+        self->MessageDone(message.size());
+    });
+}
+
+bool Connection::BacklogLow() const {
+    return m_backlogCount.load() <= kBacklogLowCount && m_backlogBytes.load() <= kBacklogLowBytes;
+}
+
+// Whoever clears m_readPaused with exchange() restarts the read, so exactly one of this
+// strand and the callback thread does it, whichever order they run in.
+bool Connection::PauseForBacklog() {
+    if (m_backlogCount.load() < kBacklogHighCount && m_backlogBytes.load() < kBacklogHighBytes) {
+        return false;
+    }
+    m_readPaused.store(true);
+    return !(BacklogLow() && m_readPaused.exchange(false));
+}
+
+void Connection::MessageDone(size_t bytes) {
+    m_backlogCount.fetch_sub(1);
+    m_backlogBytes.fetch_sub(bytes);
+    if (BacklogLow() && m_readPaused.load() && m_readPaused.exchange(false)) {
+        asio::post(m_socket.get_executor(), [self = shared_from_this()] { self->DoRead(); });
+    }
+}
+
+// A client may sit silent between messages for as long as it likes; only half a frame
+// left hanging counts as idle. One timer is kept armed and re-checks the time of the
+// last read when it fires, instead of being re-armed on every read.
+void Connection::TouchIdleTimer() {
+    m_lastRead = std::chrono::steady_clock::now();
+    if (m_idleArmed || !m_codec->HasPartial()) return;
+    m_idleArmed = true;
+    m_idleTimer.expires_after(std::chrono::milliseconds(Engine::Get().FrameTimeoutMs()));
+    m_idleTimer.async_wait(
+        [self = shared_from_this()](const std::error_code& ec) { self->OnIdleTimer(ec); });
+}
+
+void Connection::OnIdleTimer(const std::error_code& ec) {
+    m_idleArmed = false;
+    if (ec || m_closed || !m_codec->HasPartial()) return;
+    auto timeout = std::chrono::milliseconds(Engine::Get().FrameTimeoutMs());
+    auto now = std::chrono::steady_clock::now();
+    // While reading waits for a slow callback the silence is ours, not the client's.
+    if (m_readPaused.load()) m_lastRead = now;
+    if (now - m_lastRead >= timeout) {
+        char why[80];
+        snprintf(why, sizeof why, "no data for %d ms inside a frame",
+                 static_cast<int>(timeout.count()));
+        CloseNow(why);
+        return;
+    }
+    m_idleArmed = true;
+    m_idleTimer.expires_at(m_lastRead + timeout);
+    m_idleTimer.async_wait(
+        [self = shared_from_this()](const std::error_code& ec) { self->OnIdleTimer(ec); });
+}
+
+// ---- writing and closing ----
+
+void Connection::Enqueue(std::vector<uint8_t>&& bytes) {
+    if (m_closed || m_closing) return;
+    if (m_outBytes + bytes.size() > kMaxQueuedOutput) {
+        CloseNow("client does not read its replies");
+        return;
+    }
+    m_outBytes += bytes.size();
+    m_outQueue.push_back(std::move(bytes));
+    if (!m_writing) DoWrite();
+}
+
+void Connection::DoWrite() {
+    m_writing = true;
+    asio::async_write(
+        m_socket, asio::buffer(m_outQueue.front()),
+        [self = shared_from_this()](const std::error_code& ec, size_t) { self->OnWrite(ec); });
+}
+
+void Connection::OnWrite(const std::error_code& ec) {
+    m_writing = false;
+    if (ec || m_closed) {
+        CloseNow(nullptr);
+        return;
+    }
+    m_outBytes -= m_outQueue.front().size();
+    m_outQueue.pop_front();
+    if (!m_outQueue.empty()) {
+        DoWrite();
+    } else if (m_closing) {
+        CloseWhenFlushed();
+    }
+}
+
+void Connection::RequestClose(int delayMs) {
+    if (m_closed) return;
+    if (m_closing && delayMs >= m_closeDelayMs) return;  // an earlier close stands
+    m_closing = true;
+    m_closeDelayMs = delayMs;
+    if (!m_writing) CloseWhenFlushed();
+}
+
+void Connection::CloseWhenFlushed() {
+    if (m_closeDelayMs <= 0) {
+        CloseNow(nullptr);
+        return;
+    }
+    m_closeTimer.expires_after(std::chrono::milliseconds(m_closeDelayMs));
+    m_closeTimer.async_wait([self = shared_from_this()](const std::error_code& ec) {
+        if (!ec) self->CloseNow(nullptr);
+    });
+}
+
+void Connection::CloseNow(const char* why) {
+    if (m_closed) return;
+    m_closed = true;
+    m_closing = true;
+    if (why) printf("vornnet: client %d (%s) closed: %s\n", m_id, m_peerAddr.c_str(), why);
+    std::error_code ignored;
+    m_socket.shutdown(asio::ip::tcp::socket::shutdown_both, ignored);
+    m_socket.close(ignored);
+    m_idleTimer.cancel();
+    m_closeTimer.cancel();
+    Engine::Get().UnregisterClient(m_id);
+    // Queued behind every message already handed over, so it is the last callback.
+    asio::post(m_callbacks, [self = shared_from_this()] {
+        self->RunCallback(nullptr, 0);
+        self->m_owner->ConnectionFinished(self->m_id);
+    });
+}
+
+void Connection::RunCallback(unsigned char* data, int length) {
+    CallbackScope scope;
+    try {
+        m_hooks.callback(m_id, data, length, m_hooks.user);
+    } catch (...) {
+        printf("vornnet: callback for client %d threw; ignored\n", m_id);
+    }
+}
+
+}  // namespace vorn

@@ -1,0 +1,106 @@
+// One accepted client of a listener.
+#pragma once
+
+#include <array>
+#include <asio.hpp>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "VornNetSDK.h"
+#include "framecodec.h"
+
+namespace vorn {
+
+class Listener;
+
+// Where a listener's callbacks go: fixed when the listener starts.
+struct Hooks {
+    VornServerCallBack callback = nullptr;
+    void* user = nullptr;
+};
+
+// True on a thread while it runs a user callback (such a thread must never wait for
+// callbacks to finish).
+bool InCallback();
+
+// Socket work runs on the socket's strand (an I/O thread); user callbacks run on a strand
+// of the callback pool, so one client's callbacks never overlap, keep the order in which
+// its messages arrived, and a slow callback never stalls the socket work of other clients.
+// The public operations may be called from any thread: they only queue work.
+class Connection : public std::enable_shared_from_this<Connection> {
+public:
+    // `socket` must already run on a strand of its own.
+    Connection(int id, asio::ip::tcp::socket socket, std::unique_ptr<Codec> codec,
+               std::shared_ptr<Listener> owner, Hooks hooks, asio::io_context& callbackIo);
+
+    void Start();
+    // False when the reply cannot be encoded (too large); nothing is queued then.
+    bool SendState(int state);
+    bool SendData(const uint8_t* data, size_t n);
+    void SendRaw(const uint8_t* data, size_t n);
+    // Closes once the queued replies have been written and `delayMs` more have passed.
+    // Later messages of this client are no longer delivered, later replies are dropped.
+    void Kill(int delayMs);
+    // Closes now; queued replies are dropped.
+    void Close();
+
+    int Id() const { return m_id; }
+    const std::string& PeerAddr() const { return m_peerAddr; }
+    const std::string& LocalAddr() const { return m_localAddr; }
+
+private:
+    void Queue(std::vector<uint8_t> bytes);
+    // On the socket's strand:
+    void DoRead();
+    void OnRead(const std::error_code& ec, size_t n);
+    void Deliver(std::vector<uint8_t>&& message);
+    bool PauseForBacklog();
+    void TouchIdleTimer();
+    void OnIdleTimer(const std::error_code& ec);
+    void Enqueue(std::vector<uint8_t>&& bytes);
+    void DoWrite();
+    void OnWrite(const std::error_code& ec);
+    void RequestClose(int delayMs);
+    void CloseWhenFlushed();
+    void CloseNow(const char* why);
+    // On the callback strand:
+    void RunCallback(unsigned char* data, int length);
+    void MessageDone(size_t bytes);
+    bool BacklogLow() const;
+
+    // Fixed after construction.
+    const int m_id;
+    const Hooks m_hooks;
+    const std::shared_ptr<Listener> m_owner;
+    const std::unique_ptr<Codec> m_codec;  // Consume on the socket strand; encoders anywhere
+    std::string m_peerAddr;
+    std::string m_localAddr;
+    asio::strand<asio::io_context::executor_type> m_callbacks;
+
+    // Socket strand only.
+    asio::ip::tcp::socket m_socket;
+    asio::steady_timer m_idleTimer;
+    asio::steady_timer m_closeTimer;
+    std::array<uint8_t, 64 * 1024> m_readBuffer;
+    std::chrono::steady_clock::time_point m_lastRead;
+    bool m_idleArmed = false;
+    std::deque<std::vector<uint8_t>> m_outQueue;  // front is being written while m_writing
+    size_t m_outBytes = 0;
+    bool m_writing = false;
+    bool m_closing = false;  // a kill was requested
+    int m_closeDelayMs = 0;
+    bool m_closed = false;
+
+    // Messages handed to the callback strand and not yet processed. Reading pauses while
+    // the backlog is high, so a client that floods a slow callback cannot eat memory.
+    std::atomic<size_t> m_backlogCount{0};
+    std::atomic<size_t> m_backlogBytes{0};
+    std::atomic<bool> m_readPaused{false};
+};
+
+}  // namespace vorn

@@ -1,0 +1,87 @@
+#include "engine.h"
+
+#include <cstdio>
+
+#include "connection.h"
+#include "listener.h"
+
+namespace vorn {
+
+Engine& Engine::Get() {
+    static Engine* engine = new Engine;  // deliberately leaked, see engine.h
+    return *engine;
+}
+
+void Engine::Start() {
+    std::lock_guard<std::mutex> lock(m_lifeMutex);
+    if (!m_threads.empty()) return;
+    m_ioWork.emplace(m_io.get_executor());
+    m_callbackWork.emplace(m_callbackIo.get_executor());
+    for (int i = 0; i < kIoThreads; ++i) m_threads.emplace_back([this] { m_io.run(); });
+    for (int i = 0; i < kCallbackThreads; ++i) {
+        m_threads.emplace_back([this] { m_callbackIo.run(); });
+    }
+}
+
+void Engine::Shutdown() {
+    if (InCallback()) {
+        puts("vornnet: destroy ignored inside a callback");
+        return;
+    }
+    std::map<int, std::shared_ptr<Listener>> listeners;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        listeners.swap(m_listeners);
+    }
+    for (auto& entry : listeners) entry.second->Stop();
+
+    std::lock_guard<std::mutex> lock(m_lifeMutex);
+    // With every client closed nothing keeps the contexts busy, so the threads end once
+    // the work guards are gone.
+    m_ioWork.reset();
+    m_callbackWork.reset();
+    for (std::thread& thread : m_threads) thread.join();
+    m_threads.clear();
+    m_io.restart();
+    m_callbackIo.restart();
+}
+
+int Engine::AddListener(std::shared_ptr<Listener> listener) {
+    int id = m_nextListenerId.fetch_add(1);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_listeners.emplace(id, std::move(listener));
+    return id;
+}
+
+std::shared_ptr<Listener> Engine::FindListener(int id) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto it = m_listeners.find(id);
+    return it == m_listeners.end() ? nullptr : it->second;
+}
+
+std::shared_ptr<Listener> Engine::TakeListener(int id) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto it = m_listeners.find(id);
+    if (it == m_listeners.end()) return nullptr;
+    std::shared_ptr<Listener> listener = std::move(it->second);
+    m_listeners.erase(it);
+    return listener;
+}
+
+void Engine::RegisterClient(int id, const std::shared_ptr<Connection>& connection) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_clients[id] = connection;
+}
+
+void Engine::UnregisterClient(int id) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_clients.erase(id);
+}
+
+std::shared_ptr<Connection> Engine::FindClient(int id) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto it = m_clients.find(id);
+    return it == m_clients.end() ? nullptr : it->second.lock();
+}
+
+}  // namespace vorn

@@ -1,0 +1,126 @@
+#include "framecodec.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "VornNetSDK.h"
+
+namespace vorn {
+
+bool AppendFrame(std::vector<uint8_t>& out, const uint8_t* body, size_t n) {
+    if (n > kMaxFrameLength) return false;
+    size_t at = out.size();
+    out.resize(at + kFrameLengthBytes + n);
+    PutLe32(&out[at], static_cast<uint32_t>(n));
+    if (n > 0) std::copy(body, body + n, out.begin() + at + kFrameLengthBytes);
+    return true;
+}
+
+bool AppendResultFrame(std::vector<uint8_t>& out, uint8_t subCode, const uint8_t* payload,
+                       size_t n) {
+    if (n > kMaxFrameLength - kMsgHeadSize) return false;
+    // Type, sub-code, second sub-code, padding and both ids: only the first two mean
+    // anything in a reply, the rest stay zero.
+    std::vector<uint8_t> body(kMsgHeadSize + n, 0);
+    body[0] = kMsgTypeResult;
+    body[1] = subCode;
+    if (n > 0) std::copy(payload, payload + n, body.begin() + kMsgHeadSize);
+    return AppendFrame(out, body.data(), body.size());
+}
+
+void FrameDecoder::Append(const uint8_t* data, size_t n) {
+    if (m_broken || n == 0) return;
+    m_buffer.insert(m_buffer.end(), data, data + n);
+}
+
+FrameDecoder::Status FrameDecoder::Next(std::vector<uint8_t>& body) {
+    if (m_broken) return Status::kTooLarge;
+    for (;;) {
+        size_t available = m_buffer.size() - m_start;
+        if (available < kFrameLengthBytes) break;
+        uint32_t length = GetLe32(&m_buffer[m_start]);
+        if (length > m_maxLength) {
+            m_broken = true;
+            m_refused = length;
+            m_buffer.clear();
+            m_buffer.shrink_to_fit();
+            m_start = 0;
+            return Status::kTooLarge;
+        }
+        if (length == 0) {  // keep-alive: nothing to hand on
+            m_start += kFrameLengthBytes;
+            continue;
+        }
+        if (available - kFrameLengthBytes < length) break;
+        auto first = m_buffer.begin() + static_cast<std::ptrdiff_t>(m_start + kFrameLengthBytes);
+        body.assign(first, first + length);
+        m_start += kFrameLengthBytes + length;
+        return Status::kFrame;
+    }
+    Compact();
+    return Status::kNeedMore;
+}
+
+// Drops consumed bytes. Called only when the buffer holds no whole frame any more, so
+// what is moved is at most the tail of the latest read.
+void FrameDecoder::Compact() {
+    if (m_start == 0) return;
+    m_buffer.erase(m_buffer.begin(), m_buffer.begin() + static_cast<std::ptrdiff_t>(m_start));
+    m_start = 0;
+}
+
+bool MessageCodec::Consume(const uint8_t* data, size_t n, const Sink& sink) {
+    m_decoder.Append(data, n);
+    std::vector<uint8_t> body;
+    for (;;) {
+        switch (m_decoder.Next(body)) {
+            case FrameDecoder::Status::kFrame:
+                sink(std::move(body));
+                body.clear();
+                break;
+            case FrameDecoder::Status::kNeedMore:
+                return true;
+            case FrameDecoder::Status::kTooLarge:
+                char text[96];
+                snprintf(text, sizeof text, "frame of %u bytes exceeds the limit of %u",
+                         m_decoder.RefusedLength(), kMaxFrameLength);
+                m_error = text;
+                return false;
+        }
+    }
+}
+
+bool MessageCodec::EncodeState(int state, std::vector<uint8_t>& out) const {
+    uint8_t payload[4];
+    PutLe32(payload, static_cast<uint32_t>(state));
+    return AppendResultFrame(out, kResultState, payload, sizeof payload);
+}
+
+bool MessageCodec::EncodeData(const uint8_t* data, size_t n, std::vector<uint8_t>& out) const {
+    return AppendResultFrame(out, kResultData, data, n);
+}
+
+namespace {
+
+std::unique_ptr<Codec> MakeMessageCodec() { return std::make_unique<MessageCodec>(); }
+
+// Listener modes and the codec each one speaks. VORN_MODE_HTTP has no row yet, so a
+// request to start an HTTP listener fails with -1 until its codec is added here.
+struct ModeRow {
+    int mode;
+    CodecFactory factory;
+};
+const ModeRow kModes[] = {
+    {VORN_MODE_MESSAGE, MakeMessageCodec},
+};
+
+}  // namespace
+
+CodecFactory FindCodec(int mode) {
+    for (const ModeRow& row : kModes) {
+        if (row.mode == mode) return row.factory;
+    }
+    return nullptr;
+}
+
+}  // namespace vorn

@@ -1,0 +1,156 @@
+// The frame decoder and reply encoders, without sockets.
+#include "sdk/vornnet/src/framecodec.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "VornFrame.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using vorn::FrameDecoder;
+
+Bytes Frame(const std::string& body) {
+    Bytes out;
+    vorn::AppendFrame(out, reinterpret_cast<const uint8_t*>(body.data()), body.size());
+    return out;
+}
+
+Bytes Concat(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    for (const Bytes& part : parts) out.insert(out.end(), part.begin(), part.end());
+    return out;
+}
+
+// Everything the decoder yields for `stream`, fed in pieces cut at `cuts`.
+std::vector<std::string> Decode(FrameDecoder& decoder, const Bytes& stream,
+                                std::vector<size_t> cuts) {
+    std::vector<std::string> frames;
+    cuts.push_back(stream.size());
+    size_t from = 0;
+    for (size_t to : cuts) {
+        decoder.Append(stream.data() + from, to - from);
+        from = to;
+        Bytes body;
+        while (decoder.Next(body) == FrameDecoder::Status::kFrame) {
+            frames.emplace_back(body.begin(), body.end());
+        }
+    }
+    return frames;
+}
+
+const std::vector<std::string> kBodies = {"first message", "x", std::string(300, 'z')};
+
+Bytes ValidStream() {
+    // A keep-alive between frames must vanish without a trace.
+    return Concat({Frame(kBodies[0]), Frame(""), Frame(kBodies[1]), Frame(kBodies[2])});
+}
+
+TEST(FrameDecoder, EverySplitPointYieldsTheSameFrames) {
+    Bytes stream = ValidStream();
+    for (size_t cut = 0; cut <= stream.size(); ++cut) {
+        FrameDecoder decoder;
+        EXPECT_EQ(Decode(decoder, stream, {cut}), kBodies) << "cut at " << cut;
+        EXPECT_FALSE(decoder.HasPartial());
+    }
+    std::vector<size_t> everyByte;
+    for (size_t i = 1; i < stream.size(); ++i) everyByte.push_back(i);
+    FrameDecoder decoder;
+    EXPECT_EQ(Decode(decoder, stream, everyByte), kBodies);
+}
+
+TEST(FrameDecoder, PartialStateFollowsTheStream) {
+    Bytes stream = Frame("abcdef");
+    FrameDecoder decoder;
+    Bytes body;
+    decoder.Append(stream.data(), 2);  // half the length
+    EXPECT_EQ(decoder.Next(body), FrameDecoder::Status::kNeedMore);
+    EXPECT_TRUE(decoder.HasPartial());
+    decoder.Append(stream.data() + 2, stream.size() - 3);  // all but the last body byte
+    EXPECT_EQ(decoder.Next(body), FrameDecoder::Status::kNeedMore);
+    EXPECT_TRUE(decoder.HasPartial());
+    decoder.Append(stream.data() + stream.size() - 1, 1);
+    ASSERT_EQ(decoder.Next(body), FrameDecoder::Status::kFrame);
+    EXPECT_EQ(std::string(body.begin(), body.end()), "abcdef");
+    EXPECT_FALSE(decoder.HasPartial());
+
+    // Only keep-alives: nothing handed on, nothing pending.
+    Bytes empties = Concat({Frame(""), Frame(""), Frame("")});
+    decoder.Append(empties.data(), empties.size());
+    EXPECT_EQ(decoder.Next(body), FrameDecoder::Status::kNeedMore);
+    EXPECT_FALSE(decoder.HasPartial());
+}
+
+TEST(FrameDecoder, LengthsAtAndOverTheLimit) {
+    FrameDecoder decoder(100);
+    Bytes atLimit = Frame(std::string(100, 'a'));
+    EXPECT_EQ(Decode(decoder, atLimit, {}).size(), 1u);
+
+    // One over the limit breaks the stream as soon as the four length bytes are in, and
+    // what follows (even a valid frame) is never handed on.
+    Bytes over = Concat({Frame(std::string(101, 'b')), Frame("after")});
+    EXPECT_TRUE(Decode(decoder, over, {4}).empty());
+    EXPECT_TRUE(decoder.Broken());
+    EXPECT_EQ(decoder.RefusedLength(), 101u);
+    Bytes body;
+    EXPECT_EQ(decoder.Next(body), FrameDecoder::Status::kTooLarge);
+    EXPECT_FALSE(decoder.HasPartial());
+}
+
+TEST(FrameDecoder, CorruptedLengthBytesAreRefused) {
+    Bytes stream = ValidStream();
+    // The high byte, then all of the length of the second frame are damaged; frames
+    // before the damage still come out.
+    size_t second = vorn::kFrameLengthBytes + kBodies[0].size();
+    for (uint32_t damage : {0x02000000u, 0xFFFFFFFFu, vorn::kMaxFrameLength + 1}) {
+        Bytes bad = stream;
+        vorn::PutLe32(&bad[second], vorn::GetLe32(&bad[second]) | damage);
+        FrameDecoder decoder;
+        EXPECT_EQ(Decode(decoder, bad, {}), std::vector<std::string>{kBodies[0]});
+        EXPECT_TRUE(decoder.Broken());
+    }
+}
+
+TEST(ReplyEncoding, StateAndDataFramesHaveTheResultHeader) {
+    vorn::MessageCodec codec;
+    Bytes state;
+    ASSERT_TRUE(codec.EncodeState(0x01020304, state));
+    EXPECT_EQ(state, (Bytes{16, 0, 0, 0, 17, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 4, 3, 2, 1}));
+
+    Bytes data;
+    const uint8_t payload[] = {0xAA, 0xBB, 0xCC};
+    ASSERT_TRUE(codec.EncodeData(payload, sizeof payload, data));
+    EXPECT_EQ(data, (Bytes{15, 0, 0, 0, 17, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xAA, 0xBB, 0xCC}));
+
+    Bytes empty;
+    ASSERT_TRUE(codec.EncodeData(nullptr, 0, empty));
+    EXPECT_EQ(empty.size(), 16u);
+
+    // A body that would not fit a frame is refused, not truncated.
+    Bytes huge(vorn::kMaxFrameLength - vorn::kMsgHeadSize + 1);
+    Bytes out;
+    EXPECT_FALSE(codec.EncodeData(huge.data(), huge.size(), out));
+    EXPECT_TRUE(out.empty());
+}
+
+TEST(MessageCodec, DeliversMessagesAndReportsABrokenStream) {
+    vorn::MessageCodec codec;
+    std::vector<std::string> got;
+    auto sink = [&](Bytes&& message) { got.emplace_back(message.begin(), message.end()); };
+    Bytes stream = ValidStream();
+    ASSERT_TRUE(codec.Consume(stream.data(), stream.size(), sink));
+    EXPECT_EQ(got, kBodies);
+
+    uint8_t oversize[4];
+    vorn::PutLe32(oversize, vorn::kMaxFrameLength + 1);
+    EXPECT_FALSE(codec.Consume(oversize, sizeof oversize, sink));
+    EXPECT_NE(codec.Error().find("exceeds the limit"), std::string::npos);
+
+    EXPECT_NE(vorn::FindCodec(0), nullptr);
+    EXPECT_EQ(vorn::FindCodec(254), nullptr);
+}
+
+}  // namespace
