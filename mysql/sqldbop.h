@@ -82,6 +82,11 @@ _msg_serverchan_v2* GetChanInfoByServer(const std::vector<_msg_serverchan_v2*>& 
                                         int index, int unused);
 
 // ---- Region tree walks ----
+// GetRegions: the descendants of `region`, depth first, pre-order, without the region.
+// GetParengRegionsEx: the chain from `region` up to its root, nearest first, skipping ids
+// that `out` already holds. GetParengRegions: the ancestors inserted at the front of
+// `out`, root first. All three return 0 for a null region or an empty `all`, else 1; their
+// steps are bounded by the size of `all`, so a cyclic region table cannot make them loop.
 int GetRegions(const _msg_region_base* region, const std::vector<_msg_region_base*>& all,
                std::vector<_msg_region_base*>& out);
 int GetParengRegionsEx(_msg_region_base* region, const std::vector<_msg_region_base*>& all,
