@@ -15,6 +15,8 @@ void WriteLog(const char* format, ...) {
     if (n < 0) return;
     size_t len = std::strlen(line);
     // One call per line keeps lines of different threads from interleaving.
-    if (len == 0 || line[len - 1] != '\n') std::printf("%s\n", line);
-    else std::fputs(line, stdout);
+    if (len == 0 || line[len - 1] != '\n')
+        std::printf("%s\n", line);
+    else
+        std::fputs(line, stdout);
 }

@@ -74,8 +74,7 @@ bool PrintStatement(char* sql, const char* format, Args... args) {
 
 // devdiagnoselog, devrunlog, intveventlog and intveventlog2 share one column list.
 int64_t InsertParamEvent(std::mutex& cs, const char* table, bool echo, uint32_t eventTime,
-                         int nodeId, int nodeType, int eventType, int param,
-                         const char* descript) {
+                         int nodeId, int nodeType, int eventType, int param, const char* descript) {
     eventType &= kEventTypeMask;
     const LogTimes t = MakeLogTimes(eventTime);
     return InsertRow(cs, echo, [&](CMysqlDB& db, char* sql) {
@@ -83,8 +82,8 @@ int64_t InsertParamEvent(std::mutex& cs, const char* table, bool echo, uint32_t 
         return PrintStatement(sql,
                               "insert into %s(nodeid,nodetype,eventtype,param,descript,logtime,"
                               "loctime) values (%d,%d,%d,%d,\"%s\",\"%s\",\"%s\")",
-                              table, nodeId, nodeType, eventType, param, text.c_str(),
-                              t.logtime, t.loctime);
+                              table, nodeId, nodeType, eventType, param, text.c_str(), t.logtime,
+                              t.loctime);
     });
 }
 
@@ -102,11 +101,16 @@ int64_t InsertFaceEvent(const char* table, uint32_t eventTime, int nodeId, int n
 
 const char* StatusTable(int nodeType) {
     switch (nodeType) {
-        case 2: return "device";
-        case 3: return "devicechan";
-        case 1: return "serverinfo";
-        case 9: return "serverchan";
-        default: return nullptr;
+        case 2:
+            return "device";
+        case 3:
+            return "devicechan";
+        case 1:
+            return "serverinfo";
+        case 9:
+            return "serverchan";
+        default:
+            return nullptr;
     }
 }
 
@@ -147,19 +151,19 @@ int64_t WrightMySqlDevEventInfo(int nodeId, int nodeType, int eventType, const c
 
 int64_t WrightMySqlDiagnoseInfo(uint32_t eventTime, int nodeId, int nodeType, int eventType,
                                 int param, const char* descript) {
-    return InsertParamEvent(csWriteDiagnose, "devdiagnoselog", false, eventTime, nodeId,
-                            nodeType, eventType, param, descript);
-}
-
-int64_t WrightMySqlRunInfo(uint32_t eventTime, int nodeId, int nodeType, int eventType,
-                           int param, const char* descript) {
-    if (eventTime == 0) eventTime = GetCurrentTime();
-    return InsertParamEvent(csWriteRun, "devrunlog", false, eventTime, nodeId, nodeType,
+    return InsertParamEvent(csWriteDiagnose, "devdiagnoselog", false, eventTime, nodeId, nodeType,
                             eventType, param, descript);
 }
 
-int64_t WrightMySqlAlarmInfo(uint32_t eventTime, int nodeId, int nodeType, int eventType,
-                             int param, const char* descript) {
+int64_t WrightMySqlRunInfo(uint32_t eventTime, int nodeId, int nodeType, int eventType, int param,
+                           const char* descript) {
+    if (eventTime == 0) eventTime = GetCurrentTime();
+    return InsertParamEvent(csWriteRun, "devrunlog", false, eventTime, nodeId, nodeType, eventType,
+                            param, descript);
+}
+
+int64_t WrightMySqlAlarmInfo(uint32_t eventTime, int nodeId, int nodeType, int eventType, int param,
+                             const char* descript) {
     return InsertParamEvent(csWriteIntv, "intveventlog", true, eventTime, nodeId, nodeType,
                             eventType, param, descript);
 }
@@ -176,8 +180,8 @@ int64_t WrightMySqlPerson(uint32_t eventTime, int nodeId, int nodeType, int pers
                            similarity);
 }
 
-int64_t WrightMySqlPersonStruct(uint32_t eventTime, int nodeId, int nodeType, int personId,
-                                int age, int gender, int similarity) {
+int64_t WrightMySqlPersonStruct(uint32_t eventTime, int nodeId, int nodeType, int personId, int age,
+                                int gender, int similarity) {
     return InsertFaceEvent("faceeventlog2", eventTime, nodeId, nodeType, personId, age, gender,
                            similarity);
 }

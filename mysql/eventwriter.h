@@ -42,18 +42,18 @@ int64_t WrightMySqlDevEventInfo(int nodeId, int nodeType, int eventType, const c
 int64_t WrightMySqlDiagnoseInfo(uint32_t eventTime, int nodeId, int nodeType, int eventType,
                                 int param, const char* descript);
 // An event time of 0 means "now" here alone.
-int64_t WrightMySqlRunInfo(uint32_t eventTime, int nodeId, int nodeType, int eventType,
-                           int param, const char* descript);
+int64_t WrightMySqlRunInfo(uint32_t eventTime, int nodeId, int nodeType, int eventType, int param,
+                           const char* descript);
 // Both print "alarm:<statement>" before running it.
-int64_t WrightMySqlAlarmInfo(uint32_t eventTime, int nodeId, int nodeType, int eventType,
-                             int param, const char* descript);
+int64_t WrightMySqlAlarmInfo(uint32_t eventTime, int nodeId, int nodeType, int eventType, int param,
+                             const char* descript);
 int64_t WrightMySqlAlarmInfoStruct(uint32_t eventTime, int nodeId, int nodeType, int eventType,
                                    int param, const char* descript);
 // Face recognitions: the similarity goes to `alike`, `status` is always 0.
 int64_t WrightMySqlPerson(uint32_t eventTime, int nodeId, int nodeType, int personId, int age,
                           int gender, int similarity);
-int64_t WrightMySqlPersonStruct(uint32_t eventTime, int nodeId, int nodeType, int personId,
-                                int age, int gender, int similarity);
+int64_t WrightMySqlPersonStruct(uint32_t eventTime, int nodeId, int nodeType, int personId, int age,
+                                int gender, int similarity);
 
 // Writes the status word of a device (2), channel (3), server (1) or server channel (9).
 // Any other node type fails. Prints the statement with "succ" or "faild".
