@@ -1,0 +1,12 @@
+// Media operations on consumer records: starting and stopping the play session that
+// feeds a capture, recording or download consumer.
+#pragma once
+
+#include "comm/msgdefine.h"
+
+// Opens (or shares) the play session of `url` for `info` and sets its start and last-data
+// ticks. 1 when the session started; 0 for null arguments, no free slot or a failed start.
+// `info` stays owned by the caller (normally an entry of m_arrUserInfos).
+int VornMediaPlay(const char* url, _USER_CMD_INFO* info);
+// Stops the session of `info`; 0 when `info` or its player is null.
+int VornMediaStop(_USER_CMD_INFO* info);
