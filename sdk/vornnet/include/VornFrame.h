@@ -68,7 +68,7 @@ public:
 private:
     void Compact();
 
-    const uint32_t m_maxLength;
+    uint32_t m_maxLength;           // fixed after construction
     std::vector<uint8_t> m_buffer;  // received bytes; m_start marks the first unread one
     size_t m_start = 0;
     bool m_broken = false;
