@@ -81,6 +81,7 @@ int PresentLength(int declared, int present) {
 // ---- Sender and node resolution ----
 
 Sender FindLinkedSender(int loginId, int mode) {
+    if (loginId == -1) return {};  // the handle of every record that is not linked
     CatalogReadLock lock(csCatalog);
     for (const _hcrecord_Info* d : m_arrRecordInfos)
         if (d && d->lLoginID == loginId && d->nMode == mode)
