@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "comm/boundedtext.h"
 #include "comm/globle.h"
 #include "comm/mystring.h"
 
@@ -68,10 +69,8 @@ void ReadBool(const char* text, const char* open, const char* close, bool& field
 template <size_t N>
 void ReadText(const char* text, const char* open, const char* close, char (&field)[N],
               size_t scratch = kValueBuf) {
-    std::unique_ptr<char[]> value(new char[scratch]);
-    if (!TagValue(text, open, close, value.get(), scratch)) return;
-    std::memset(field, 0, N);
-    std::memcpy(field, value.get(), strnlen(value.get(), N - 1));
+    std::string value(scratch, '\0');
+    if (TagValue(text, open, close, &value[0], scratch)) btext::Copy(field, value.c_str());
 }
 
 void ReadFilePathEntry(const char* entry, _file_path& rec) {

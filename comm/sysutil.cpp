@@ -14,20 +14,14 @@
 #include <memory>
 #include <string>
 
+#include "comm/boundedtext.h"
+
 namespace {
 
 // Scratch sizes the address parsers have always used; longer text is cut to fit.
 constexpr size_t kIpScratch = 100;
 constexpr size_t kIpCheckScratch = 255;
 constexpr size_t kPathBuffer = 256;
-
-// Copies at most size-1 bytes and terminates.
-void CopyTruncated(char* dst, size_t size, const char* src) {
-    if (size == 0) return;
-    const size_t n = strnlen(src, size - 1);
-    std::memcpy(dst, src, n);
-    dst[n] = '\0';
-}
 
 struct DirCloser {
     void operator()(DIR* d) const { closedir(d); }
@@ -40,10 +34,6 @@ std::atomic<RebootFunc> g_reboot{&RealReboot};
 const char kBase64Alphabet[] =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-bool IsBase64Char(unsigned char c) {
-    return std::isalnum(c) || c == '+' || c == '/' || c == '=';
-}
-
 // 6-bit value of a character, or -1 for '=', the 255 filler and anything else.
 int Base64Value(unsigned char c) {
     if (c >= 'A' && c <= 'Z') return c - 'A';
@@ -53,6 +43,9 @@ int Base64Value(unsigned char c) {
     if (c == '/') return 63;
     return -1;
 }
+
+// The alphabet and '=' count as block characters, whatever the locale says about letters.
+bool IsBase64Char(unsigned char c) { return Base64Value(c) >= 0 || c == '='; }
 
 }  // namespace
 
@@ -140,7 +133,7 @@ void Getfilepath(const char* dir, const char* name, char* out, size_t outSize) {
     std::string path(d);
     if (needSlash) path += '/';
     if (name) path += name;
-    CopyTruncated(out, outSize, path.c_str());
+    btext::Copy(out, outSize, path.c_str());
 }
 
 int DeletePath(const char* path) {
@@ -182,7 +175,7 @@ int IpToChar(uint32_t ip, char* out) {
 uint32_t CharToIp(const char* text) {
     if (!text) return 0;
     char buf[kIpScratch];
-    CopyTruncated(buf, sizeof buf, text);
+    btext::Copy(buf, sizeof buf, text);
     uint32_t ip = 0;
     char* save = nullptr;
     char* part = strtok_r(buf, ".", &save);
@@ -197,7 +190,7 @@ uint32_t CharToIp(const char* text) {
 bool IsIpAddress(const char* text) {
     if (!text) return false;
     char buf[kIpCheckScratch];
-    CopyTruncated(buf, sizeof buf, text);
+    btext::Copy(buf, sizeof buf, text);
     int parts = 0;
     char* save = nullptr;
     for (char* part = strtok_r(buf, ".", &save); part; part = strtok_r(nullptr, ".", &save)) {
