@@ -59,7 +59,7 @@ inline void CopyText(char (&out)[N], const char* in) {
 }
 
 // Region types the registration flows create under the root.
-constexpr int REGION_TYPE_REGISTER = 254;  // devices that registered themselves
+constexpr int REGION_TYPE_REGISTER = 254;     // devices that registered themselves
 constexpr int REGION_TYPE_NONSTANDARD = 255;  // pushed nodes whose parent is unknown
 constexpr const char* ROOT_REGION_NAME = "智能化监控平台";
 constexpr const char* REGISTER_REGION_NAME = "注册区域";

@@ -53,12 +53,18 @@ int ShareNodeList(const char* code, char*& buf, int& len) {
         pushMode = d->svr.nPushMode;
     }
     switch (pushMode) {
-        case GB_PUSH_SHARE: return GetServerNodeFromShare(code, 0, buf, len);
-        case GB_PUSH_SHARE_DEV: return GetServerNodeFromShare(code, 1, buf, len);
-        case GB_PUSH_GROUP: return GetServerNodeFromGroup(code, buf, len);
-        case GB_PUSH_CMS: return GetServerNodeFromRegion(code, 0, buf, len);
-        case GB_PUSH_CMS_DEV: return GetServerNodeFromRegion(code, 1, buf, len);
-        default: return 0;
+        case GB_PUSH_SHARE:
+            return GetServerNodeFromShare(code, 0, buf, len);
+        case GB_PUSH_SHARE_DEV:
+            return GetServerNodeFromShare(code, 1, buf, len);
+        case GB_PUSH_GROUP:
+            return GetServerNodeFromGroup(code, buf, len);
+        case GB_PUSH_CMS:
+            return GetServerNodeFromRegion(code, 0, buf, len);
+        case GB_PUSH_CMS_DEV:
+            return GetServerNodeFromRegion(code, 1, buf, len);
+        default:
+            return 0;
     }
 }
 
@@ -256,8 +262,7 @@ void OnDisconnect(int clientId) {
 
 }  // namespace
 
-void CCMSSvrDlg::MessageCallBack(int clientId, unsigned char* data, int length,
-                                 CCMSSvrDlg* self) {
+void CCMSSvrDlg::MessageCallBack(int clientId, unsigned char* data, int length, CCMSSvrDlg* self) {
     if (!self) return;
     if (!data) return OnDisconnect(clientId);
     if (length < static_cast<int>(sizeof(_msg_head_info))) return;
@@ -265,7 +270,10 @@ void CCMSSvrDlg::MessageCallBack(int clientId, unsigned char* data, int length,
     char local[96] = {};
     VornServerGetClientAddr(clientId, peer, sizeof(peer));
     VornServerGetLocalAddr(clientId, local, sizeof(local));
-    MsgContext m{self, clientId, {}, data + sizeof(_msg_head_info),
+    MsgContext m{self,
+                 clientId,
+                 {},
+                 data + sizeof(_msg_head_info),
                  length - static_cast<int>(sizeof(_msg_head_info))};
     std::memcpy(&m.head, data, sizeof(m.head));
     const MsgRoute* route = FindRoute(m.head.nType);

@@ -60,19 +60,27 @@ T* AppendFirstRow(CMysqlDB& db, const char* sql, Load load, std::vector<T*>& int
 // Fetches one node row of `type` with `sql` and appends it to its catalogue vector.
 void* AppendNodeRow(CMysqlDB& db, int type, const char* sql) {
     switch (type) {
-        case DEVICE_NODE: return AppendFirstRow(db, sql, GetVideoDev_FromDB, m_arrRecordInfos);
-        case DOMAIN_NODE: return AppendFirstRow(db, sql, GetDomain_FromDB, m_arrDomainFromDB);
-        case SERVER_NODE: return AppendFirstRow(db, sql, GetSystemServer_FromDB, m_arrServerFromDB);
-        default: return nullptr;
+        case DEVICE_NODE:
+            return AppendFirstRow(db, sql, GetVideoDev_FromDB, m_arrRecordInfos);
+        case DOMAIN_NODE:
+            return AppendFirstRow(db, sql, GetDomain_FromDB, m_arrDomainFromDB);
+        case SERVER_NODE:
+            return AppendFirstRow(db, sql, GetSystemServer_FromDB, m_arrServerFromDB);
+        default:
+            return nullptr;
     }
 }
 
 const char* NodeTable(int type) {
     switch (type) {
-        case DEVICE_NODE: return "device";
-        case DOMAIN_NODE: return "domaininfo";
-        case SERVER_NODE: return "serverinfo";
-        default: return nullptr;
+        case DEVICE_NODE:
+            return "device";
+        case DOMAIN_NODE:
+            return "domaininfo";
+        case SERVER_NODE:
+            return "serverinfo";
+        default:
+            return nullptr;
     }
 }
 
@@ -270,8 +278,9 @@ int EnsureTypedRegion(CMysqlDB& db, int type, const char* name, int rootId, int*
     std::lock_guard<std::mutex> create(csRegionCreate);
     if (int id = RegionIdByType(type)) return id;
     char sql[256];
-    std::snprintf(sql, sizeof(sql), "insert into region(name,parentid,regtype) values(\"%s\",%d,%d)",
-                  name, rootId, type);
+    std::snprintf(sql, sizeof(sql),
+                  "insert into region(name,parentid,regtype) values(\"%s\",%d,%d)", name, rootId,
+                  type);
     int id = static_cast<int>(InsertRow(db, sql));
     if (!id) return 0;
     AppendRegion(id, name, "", type, rootId);

@@ -21,8 +21,8 @@ void PushDomainOnline(const MsgContext&, _msg_domain_info& node) {
         CatalogWriteLock lock(csCatalog);
         _domain_info* d = GetDomainInfoByCode(m_arrDomainFromDB, node.szCode);
         if (!d || !(static_cast<unsigned int>(d->svr.nState) & NODE_OFFLINE_FLAG)) return;
-        d->svr.nState = static_cast<int>(static_cast<unsigned int>(d->svr.nState) &
-                                         ~NODE_OFFLINE_FLAG);
+        d->svr.nState =
+            static_cast<int>(static_cast<unsigned int>(d->svr.nState) & ~NODE_OFFLINE_FLAG);
         id = d->svr.nID;
         state = static_cast<unsigned int>(d->svr.nState);
     }

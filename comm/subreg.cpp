@@ -24,8 +24,7 @@ enum class Cut { kFound, kRefused, kMissing };
 
 // Both tags are searched from the start of `text`, independently, as every list reader of
 // this system does; an end tag before the start tag is refused rather than copied.
-Cut CutElement(const char* text, const char* open, const char* close, char* out,
-               size_t outSize) {
+Cut CutElement(const char* text, const char* open, const char* close, char* out, size_t outSize) {
     const char* o = std::strstr(text, open);
     const char* c = std::strstr(text, close);
     if (!o || !c) return Cut::kMissing;

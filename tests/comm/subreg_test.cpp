@@ -1,0 +1,154 @@
+// Sub-server registration: the list readers, the fetch over the command channel (against a
+// small HTTP peer) and the merge into the table and the catalogue.
+#include "comm/subreg.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "CmsSvrDlg.h"
+#include "comm/globle.h"
+#include "comm/sysutil.h"
+#include "mysql/sqldbop.h"
+#include "support/daemon.h"
+#include "support/httppeer.h"
+#include "support/testdb.h"
+
+namespace {
+
+struct List {
+    std::vector<_dev_register*> v;
+    ~List() { ReleaseArray(v); }
+};
+
+TEST(SubRegReaders, MediaElementsAndTheirFixedAdvance) {
+    List l;
+    EXPECT_EQ(ParasMediaRegistor("<dev>A1:10.0.0.1</dev><dev>B2:10.0.0.2</dev><dev>C3</dev>", l.v),
+              3);
+    ASSERT_EQ(l.v.size(), 3u);
+    EXPECT_STREQ(l.v[0]->serial, "A1");
+    EXPECT_STREQ(l.v[0]->ip, "10.0.0.1");
+    EXPECT_STREQ(l.v[1]->serial, "B2");
+    EXPECT_STREQ(l.v[2]->serial, "C3");
+    EXPECT_STREQ(l.v[2]->ip, "");
+
+    // Elements further apart than the advance are read again on every pass that lands
+    // before them.
+    List spaced;
+    ParasMediaRegistor("<dev>A1</dev>                  <dev>B2</dev>", spaced.v);
+    ASSERT_GT(spaced.v.size(), 2u);
+    EXPECT_STREQ(spaced.v[0]->serial, "A1");
+    for (size_t i = 1; i < spaced.v.size(); ++i) EXPECT_STREQ(spaced.v[i]->serial, "B2");
+
+    List hostile;
+    EXPECT_EQ(ParasMediaRegistor("</dev>xx<dev>X", hostile.v), 0);
+    EXPECT_EQ(
+        ParasMediaRegistor(
+            ("<dev>" + std::string(300, 'S') + ":" + std::string(300, 'I') + "</dev>").c_str(),
+            hostile.v),
+        1);
+    EXPECT_EQ(std::string(hostile.v[0]->serial), std::string(31, 'S'));
+    EXPECT_EQ(ParasMediaRegistor(nullptr, hostile.v), 0);
+}
+
+TEST(SubRegFetch, AsksTheServerOverItsConfigurationPath) {
+    cmstest::HttpPeer peer;
+    peer.Answer("cmd=getregister", "<dev>A1:1.2.3.4</dev>");
+    peer.Answer("cmd=getdomain", "<domain><code>D9</code><status>1</status></domain>");
+    std::string base = "rtsp://127.0.0.1:" + std::to_string(peer.port());
+    List media, domains, none;
+    EXPECT_EQ(GetMediaRegistor(base.c_str(), media.v), 1);
+    ASSERT_EQ(media.v.size(), 1u);
+    EXPECT_STREQ(media.v[0]->ip, "1.2.3.4");
+    EXPECT_EQ(GetDomainRegistor(base.c_str(), domains.v), 1);
+    ASSERT_EQ(domains.v.size(), 1u);
+    EXPECT_STREQ(domains.v[0]->serial, "D9");
+    EXPECT_EQ(domains.v[0]->state, 1);
+    auto requests = peer.Requests();
+    ASSERT_EQ(requests.size(), 2u);
+    EXPECT_EQ(requests[0], "GET /xconfig?cmd=getregister HTTP/1.1");
+    EXPECT_EQ(requests[1], "GET /xconfig?cmd=getdomain HTTP/1.1");
+
+    EXPECT_EQ(GetMediaRegistor(nullptr, none.v), 0);
+    std::string closed = "rtsp://127.0.0.1:" + std::to_string(cmstest::FreePort());
+    EXPECT_EQ(GetMediaRegistor(closed.c_str(), none.v), 0);
+    EXPECT_TRUE(none.v.empty());
+}
+
+class SubRegMerge : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(db.ok());
+        ASSERT_TRUE(
+            db.Exec("insert into device(id,sn,status) values (10,'DEV10',1),(11,'DEV11',0);"
+                    "insert into serverinfo(id,sn,svrtype) values (20,'SVR20',1),(21,'SVR21',1);"
+                    "insert into mediaregistor(id,nodeid,nodetype,sn,parentid) values "
+                    "(5,11,2,'DEV11',20)"));
+        dlg = std::make_unique<CCMSSvrDlg>();
+        ASSERT_TRUE(dlg->LoadData());
+        CatalogReadLock lock(csCatalog);
+        media20 = *GetSystemSvrByID(20, m_arrServerFromDB);
+        media21 = *GetSystemSvrByID(21, m_arrServerFromDB);
+    }
+    void TearDown() override {
+        dlg->ReleaseData();
+        CatalogWriteLock lock(csCatalog);
+        ReleaseArray(m_arrMediaRegInfos);
+    }
+    int Merge(_sysserver_info& server, const char* serial, int state) {
+        _dev_register reg{};
+        std::snprintf(reg.serial, sizeof(reg.serial), "%s", serial);
+        reg.state = state;
+        return ProcessSubDev(&server, &reg);
+    }
+    const _dev_register* Known(const char* serial) {
+        CatalogReadLock lock(csCatalog);
+        return GetMediaRegistInfoBySerial(m_arrMediaRegInfos, serial);
+    }
+
+    cmstest::TestDatabase db{true, false};
+    std::unique_ptr<CCMSSvrDlg> dlg;
+    _sysserver_info media20{}, media21{};
+};
+
+TEST_F(SubRegMerge, NewRegistrationsAreAddedOnce) {
+    EXPECT_EQ(Merge(media20, "DEV10", 0), 1);
+    EXPECT_EQ(Merge(media20, "DEV10", 0), 1);
+    EXPECT_EQ(db.Count("mediaregistor", "nodeid=10 and nodetype=2 and sn='DEV10' and parentid=20"),
+              1);
+    ASSERT_NE(Known("DEV10"), nullptr);
+    EXPECT_EQ(Known("DEV10")->parentid, 20);
+    // DEV10 has bit 0 of its status set, so each report is a status change with a run-log line.
+    EXPECT_EQ(db.Count("devrunlog", "nodeid=10 and nodetype=2 and descript='设备上线'"), 2);
+
+    EXPECT_EQ(Merge(media20, "NOPE", 0), 0);
+    EXPECT_EQ(db.Count("mediaregistor", "sn='NOPE'"), 0);
+    EXPECT_EQ(ProcessSubDev(nullptr, nullptr), 0);
+}
+
+TEST_F(SubRegMerge, KnownRegistrationsMoveAndGo) {
+    EXPECT_EQ(Merge(media21, "DEV11", 0), 1);
+    EXPECT_EQ(Known("DEV11")->parentid, 21);
+    EXPECT_EQ(db.Scalar("select parnetid from mediaregistor where id=5"), "21");
+
+    EXPECT_EQ(Merge(media21, "NOPE", 1), 1);
+    EXPECT_EQ(Merge(media21, "DEV11", 1), 1);
+    EXPECT_EQ(Known("DEV11"), nullptr);
+    EXPECT_EQ(db.Count("mediaregistor"), 0);
+}
+
+// A registered server's state goes to the reporting server's record.
+TEST_F(SubRegMerge, ServerRegistrationsChangeTheReportingServer) {
+    media20.svr.nState = 1;
+    EXPECT_EQ(Merge(media20, "SVR21", 3), 1);
+    EXPECT_EQ(media20.svr.nState, 1 | (3 << 16));
+    {
+        CatalogReadLock lock(csCatalog);
+        EXPECT_EQ(GetSystemSvrByID(20, m_arrServerFromDB)->svr.nState, 3 << 16);
+    }
+    EXPECT_EQ(db.Count("devrunlog", "nodeid=21 and nodetype=1 and eventtype=2"), 1);
+    EXPECT_EQ(db.Count("mediaregistor"), 1);  // state 3 is neither registered nor gone
+}
+
+}  // namespace
