@@ -222,6 +222,34 @@ TEST_F(VornNetTest, ManyClientsKeepOrderAndDisconnectOnceLast) {
     }
 }
 
+TEST_F(VornNetTest, AFloodBehindABlockedCallbackArrivesWhole) {
+    // Far more messages than the backlog holds, so reading pauses and must resume.
+    constexpr int kMessages = 3000;
+    std::mutex gateMutex;
+    std::condition_variable gateOpened;
+    bool open = false;
+    m_rec.onMessage = [&](int, const std::string&) {
+        std::unique_lock<std::mutex> lock(gateMutex);
+        gateOpened.wait(lock, [&] { return open; });
+    };
+    RawClient client(m_port);
+    for (int i = 0; i < kMessages; ++i) ASSERT_TRUE(client.SendMessage(9, std::to_string(i)));
+    std::this_thread::sleep_for(milliseconds(200));
+    {
+        std::lock_guard<std::mutex> lock(gateMutex);
+        open = true;
+    }
+    gateOpened.notify_all();
+    int id = 0;
+    ASSERT_TRUE(m_rec.WaitFor([&] {
+        if (m_rec.messages.size() != 1) return false;
+        id = m_rec.messages.begin()->first;
+        return m_rec.messages[id].size() == static_cast<size_t>(kMessages);
+    }));
+    std::lock_guard<std::mutex> lock(m_rec.mutex);
+    for (int i = 0; i < kMessages; ++i) ASSERT_EQ(m_rec.messages[id][i], std::to_string(i));
+}
+
 TEST_F(VornNetTest, BrokenClientsAreDroppedAndReportedOnce) {
     VornNetSDK_SetFrameTimeout(300);
     RawClient midFrame(m_port), oversize(m_port), stalled(m_port), quiet(m_port);
@@ -317,7 +345,9 @@ TEST_F(VornNetTest, StopClosesClientsAndThePortCanBeReusedAtOnce) {
     ASSERT_TRUE(m_rec.WaitFor([&] { return m_rec.messages.size() == 4; }));
     std::lock_guard<std::mutex> lock(m_rec.mutex);
     for (auto& entry : m_rec.messages) {
-        if (!firstIds.count(entry.first)) EXPECT_GT(entry.first, *firstIds.rbegin());
+        if (!firstIds.count(entry.first)) {
+            EXPECT_GT(entry.first, *firstIds.rbegin());
+        }
     }
 }
 
