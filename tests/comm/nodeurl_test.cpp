@@ -5,6 +5,8 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "mysql/sqldbop.h"
 #include "support/catalogbuilder.h"
@@ -254,6 +256,31 @@ TEST(RtspTemplate, ExpandsKnownNamesOnly) {
     ASSERT_NE(nullptr, GetRtspHelp(5));
     EXPECT_STREQ("b", GetRtspHelp(5)->main);
     EXPECT_EQ(nullptr, GetRtspHelp(6));
+}
+
+// Readers resolve addresses (one of them clearing a registered device's record) while
+// the catalogue grows; run under ThreadSanitizer this checks the locking.
+TEST_F(NodeUrlTest, ResolvesWhileTheCatalogueGrows) {
+    cat.Device(100, 3, "DEV100", "10.0.0.5", 8000, 0, "DC100");
+    cat.Device(300, 4, "DEV300", "10.0.0.7", 8000, 0, "DC300");
+    cat.Registration(11, 300, "DEV300");
+    std::vector<std::thread> readers;
+    for (int t = 0; t < 3; ++t) {
+        readers.emplace_back([t] {
+            for (int i = 0; i < 200; ++i) {
+                char url[kNodeUrlSize];
+                GetUrlFromNode(t == 0 ? 300 : 100, DEVICE_NODE, url);
+                GetConfigUrlFromNode(100, DEVICE_NODE, url);
+                GetDevTypeFromNode(100, DEVICE_NODE);
+                char* buf = nullptr;
+                int len = 0;
+                GetServerNodeFromRegion("UP", 0, buf, len);
+                delete[] buf;
+            }
+        });
+    }
+    for (int i = 0; i < 200; ++i) cat.Device(1000 + i, 3, "X", "10.9.9.9", 1);
+    for (std::thread& r : readers) r.join();
 }
 
 int32_t I32(const char* p) {

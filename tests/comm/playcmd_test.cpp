@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <random>
 #include <string>
 
 #include "comm/localdata.h"
@@ -173,6 +174,26 @@ TEST(MediaUrl, MalformedTruncatedAndOverlong) {
     ASSERT_EQ(1, p.result);
     EXPECT_EQ(sizeof(p.cam.szIP) - 1, strlen(p.cam.szIP));
     EXPECT_EQ(0, p.cam.nPort);  // the 128-byte device buffer ended inside the address
+}
+
+// Random texts built from the grammar's own characters, with and without the scheme; run
+// under AddressSanitizer this checks that no parser leaves its input or its arrays.
+TEST(Parsers, SurviveRandomInput) {
+    const char alphabet[] = "rtsp:/?&=@-:0123456789abcLIVEreplaycmd=ptzctrlparam1=ss=";
+    std::mt19937 rng(7);
+    for (int i = 0; i < 20000; ++i) {
+        std::string text = (i % 3) ? "rtsp://" : "";
+        const size_t len = rng() % 700;
+        for (size_t k = 0; k < len; ++k) text += alphabet[rng() % (sizeof(alphabet) - 1)];
+        COMMAND_INFO c;
+        GetCommandFromString(text.c_str(), &c);
+        GetDevFromString(text.c_str(), &c);
+        _cammera_info cam{};
+        _MSG_PLAY_INFO play{};
+        int mode = 0;
+        paras_rtsp_url(text.c_str(), &cam, &play, mode);
+        ASSERT_LT(strnlen(cam.szIP, sizeof(cam.szIP)), sizeof(cam.szIP));
+    }
 }
 
 }  // namespace
