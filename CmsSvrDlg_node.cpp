@@ -31,10 +31,19 @@ int64_t InsertRow(CMysqlDB& db, char* sql) {
     return id;
 }
 
+// Cuts a UTF-8 name to the field without splitting a character.
+void CopyName(char (&out)[sizeof(_msg_region_base::szName)], const char* name) {
+    size_t n = strnlen(name, sizeof(out) - 1);
+    if (name[n])
+        while (n > 0 && (static_cast<unsigned char>(name[n]) & 0xC0) == 0x80) --n;
+    std::memcpy(out, name, n);
+    out[n] = '\0';
+}
+
 void AppendRegion(int id, const char* name, const char* serial, int type, int parent) {
     auto* r = new _msg_region_base{};
     r->nID = id;
-    CopyText(r->szName, name);
+    CopyName(r->szName, name);
     CopyText(r->szSerial, serial);
     r->nType = type;
     r->nParentID = parent;
@@ -108,11 +117,13 @@ void PrepareNode(const _msg_domain_info* in, PushedNode& p) {
     n.szName[sizeof(n.szName) - 1] = '\0';
 }
 
-// Converts the GB2312 name over the whole field: iconv stops at the first character that
-// no longer fits, so the zero tail of the field only costs output room, never the name.
+// The converter takes one length for input and output, so the name is padded with zeros to
+// the output size: the whole name then fits, and only the zero tail may fail to convert.
 void ConvertName(CMysqlDB& db, PushedNode& p) {
+    char gb[sizeof(p.name)] = {};
+    std::memcpy(gb, p.node.szName, sizeof(p.node.szName));
     int left = 0;
-    CHARToUTF8(p.node.szName, sizeof(p.node.szName), p.name, left);
+    CHARToUTF8(gb, sizeof(gb), p.name, left);
     p.name[sizeof(p.name) - 1] = '\0';
     EscapeSql(&db, p.name, p.escName, sizeof(p.escName));
     EscapeSql(&db, p.node.szCode, p.escCode, sizeof(p.escCode));

@@ -73,6 +73,14 @@ TEST_F(NodeRegistration, FirstPushCreatesTheRootAndTheNonstandardRegion) {
 TEST_F(NodeRegistration, TextIsStoredAsPushedAndOddNodesInsertNothing) {
     ASSERT_GT(Push("12", "", kDomain, "O'Neil \"x\" \\"), 0);
     EXPECT_EQ(db.Scalar("select name from region where scode='12'"), "O'Neil \"x\" \\");
+    std::string gb, utf8;  // 24 characters: longer in UTF-8 than the pushed field
+    for (int i = 0; i < 24; ++i) gb += "\xB2\xE2", utf8 += "测";
+    ASSERT_GT(Push("15", "", kDomain, gb.c_str()), 0);
+    EXPECT_EQ(db.Scalar("select name from region where scode='15'"), utf8);
+    {
+        CatalogReadLock lock(csCatalog);
+        EXPECT_EQ(GetRegionInfobySerial(m_arrRegionInfos, "15")->szName, utf8.substr(0, 48));
+    }
     // Without a parent code a GB code hangs below the code before its first "00".
     ASSERT_GT(Push("12000000001320000001", "", kDomain, "dvr"), 0);
     EXPECT_EQ(db.Scalar("select regionid from device where sn='12000000001320000001'"),
