@@ -1,0 +1,431 @@
+// Message load: 10,000 devices log in by serial over 200 connections to the real cmssvr,
+// then their links send device-state and analytics events as fast as the server takes
+// them. Beside it, on the same database, the rate of plain single-row inserts over one
+// persistent connection: the ceiling that a server opening a connection per row is
+// measured against.
+//
+// Starts its own throwaway MariaDB (scripts/testdb) on a free loopback port unless
+// CMS_BENCH_DB_PORT names a running one; CMS_BENCH_EVENTS sets the event count (default
+// 10,000). Everything runs on loopback and every wait is bounded.
+#include <arpa/inet.h>
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <mysql.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "cmsclient/cmsclient.h"
+#include "cmsclient/requests.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using cmsclient::CmsClient;
+using cmsclient::Reply;
+
+constexpr int kDevices = 10000;
+constexpr int kConnections = 200;
+constexpr int kThreads = 8;  // client threads, each driving kConnections / kThreads links
+constexpr int kCeilingInserts = 5000;
+constexpr int kReplyTimeoutMs = 120000;  // bound on waiting for the server to work a queue down
+constexpr const char* kDbName = "cmsmsgload";
+
+// ---- Run-wide state, filled phase by phase ----
+struct Figures {
+    double loginsPerSec = 0;
+    int events = 0;
+    double eventsPerSec = 0;
+    long long rows = 0;
+    double rowsPerSec = 0;
+    double insertsPerSec = 0;
+};
+Figures g_fig;
+int g_dbPort = 0;
+std::string g_dbDir;  // set when this process started the database
+std::vector<std::unique_ptr<CmsClient>> g_links;
+bool g_loggedIn = false;
+
+double Seconds(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+int FreePort() {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    int port = 0;
+    if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
+        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0)
+        port = ntohs(a.sin_port);
+    close(fd);
+    return port;
+}
+
+std::string Serial(int device) { return "LD" + std::to_string(10000000 + device); }
+
+// ---- Database ----
+
+struct MysqlCloser {
+    void operator()(MYSQL* c) const { mysql_close(c); }
+};
+using Mysql = std::unique_ptr<MYSQL, MysqlCloser>;
+
+Mysql ConnectDb(const char* db) {
+    Mysql c(mysql_init(nullptr));
+    if (c && mysql_real_connect(c.get(), "127.0.0.1", "cms", "cms", db, g_dbPort, nullptr,
+                                CLIENT_MULTI_STATEMENTS))
+        return c;
+    std::fprintf(stderr, "msgload: no database on port %d\n", g_dbPort);
+    return nullptr;
+}
+
+bool Run(MYSQL* c, const std::string& sql) {
+    bool ok = mysql_real_query(c, sql.data(), sql.size()) == 0;
+    if (!ok) std::fprintf(stderr, "msgload: sql failed: %s\n", mysql_error(c));
+    while (mysql_next_result(c) == 0) {}
+    return ok;
+}
+
+long long Count(MYSQL* c, const char* table) {
+    std::string sql = std::string("select count(*) from ") + table;
+    if (mysql_real_query(c, sql.data(), sql.size()) != 0) return -1;
+    std::unique_ptr<MYSQL_RES, void (*)(MYSQL_RES*)> res(mysql_store_result(c), mysql_free_result);
+    MYSQL_ROW row = res ? mysql_fetch_row(res.get()) : nullptr;
+    return row && row[0] ? std::atoll(row[0]) : -1;
+}
+
+// Multi-row inserts, 2000 rows per statement.
+template <class RowFn>
+bool InsertRows(MYSQL* c, const char* head, int rows, RowFn row) {
+    std::string sql;
+    for (int i = 0; i < rows; ++i) {
+        sql += sql.empty() ? head : ",";
+        sql += row(i);
+        if ((i + 1) % 2000 == 0 || i + 1 == rows) {
+            if (!Run(c, sql)) return false;
+            sql.clear();
+        }
+    }
+    return true;
+}
+
+// The schema and 10,000 devices, each with video channel 1.
+bool Populate() {
+    Mysql c = ConnectDb(nullptr);
+    if (!c) return false;
+    std::ifstream schemaFile(std::string(CMS_SOURCE_DIR) + "/db/schema.sql");
+    std::stringstream schema;
+    schema << schemaFile.rdbuf();
+    return Run(c.get(), std::string("DROP DATABASE IF EXISTS ") + kDbName +
+                            "; CREATE DATABASE " + kDbName) &&
+           mysql_select_db(c.get(), kDbName) == 0 && Run(c.get(), schema.str()) &&
+           Run(c.get(), "insert into region(id,name,parentid) values (1,'root',0)") &&
+           InsertRows(c.get(), "insert into device(id,name,sn,regionid,ftype,port) values ",
+                      kDevices,
+                      [](int i) {
+                          return "(" + std::to_string(i + 1) + ",'dev" + std::to_string(i) +
+                                 "','" + Serial(i) + "',1,1,8000)";
+                      }) &&
+           InsertRows(c.get(), "insert into devicechan(id,devid,chan,name,hardwaretype) values ",
+                      kDevices, [](int i) {
+                          return "(" + std::to_string(i + 1) + "," + std::to_string(i + 1) +
+                                 ",1,'ch" + std::to_string(i) + "',1)";
+                      });
+}
+
+bool StartDatabase() {
+    if (const char* p = std::getenv("CMS_BENCH_DB_PORT")) {
+        g_dbPort = std::atoi(p);
+        return true;
+    }
+    g_dbPort = FreePort();
+    g_dbDir = "/tmp/cmsbench-msgload-" + std::to_string(getpid());
+    std::string cmd = std::string(CMS_SOURCE_DIR) + "/scripts/testdb start " + g_dbDir + " " +
+                      std::to_string(g_dbPort);
+    return g_dbPort > 0 && std::system(cmd.c_str()) == 0;
+}
+
+void StopDatabase() {
+    if (g_dbDir.empty()) return;
+    std::string cmd = std::string(CMS_SOURCE_DIR) + "/scripts/testdb stop " + g_dbDir + " " +
+                      std::to_string(g_dbPort) + " && rm -rf " + g_dbDir;
+    if (std::system(cmd.c_str()) != 0) std::fprintf(stderr, "msgload: could not stop database\n");
+}
+
+// ---- The server ----
+
+// cmssvr in a temporary directory with its settings; stopped and reaped on destruction.
+class Server {
+public:
+    Server() {
+        char tmpl[] = "/tmp/cmsbench-svr-XXXXXX";
+        if (const char* p = mkdtemp(tmpl)) m_dir = p;
+    }
+    ~Server() {
+        Stop();
+        std::error_code ec;
+        if (!m_dir.empty()) std::filesystem::remove_all(m_dir, ec);
+    }
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+
+    bool Start();
+    void Stop();
+    int port() const { return m_port; }
+
+private:
+    bool WaitForOutput(const char* text, int timeoutMs) const;
+
+    std::string m_dir;
+    int m_port = 0;
+    pid_t m_pid = -1;
+};
+
+bool Server::Start() {
+    if (m_dir.empty() || (m_port = FreePort()) <= 0) return false;
+    std::filesystem::create_directories(m_dir + "/config");
+    std::ofstream(m_dir + "/config/cmslocal.xml")
+        << "<cfg>\n  <port>" << m_port << "</port>\n  <sn>34020000002000000001</sn>\n</cfg>\n";
+    std::ofstream(m_dir + "/config/cmsparam.xml")
+        << "<cfg>\n<db>\n  <name>" << kDbName << "</name>\n  <ip>127.0.0.1</ip>\n  <port>"
+        << g_dbPort << "</port>\n  <user>cms</user>\n  <pass>cms</pass>\n  <local>0</local>\n"
+        << "</db>\n</cfg>\n";
+    const std::string bin = std::string(CMS_BINARY_DIR) + "/cmssvr";
+    const std::string out = m_dir + "/out.log";
+    m_pid = fork();
+    if (m_pid < 0) return false;
+    if (m_pid == 0) {
+        int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (fd < 0 || chdir(m_dir.c_str()) != 0) _exit(126);
+        dup2(fd, STDOUT_FILENO);
+        dup2(fd, STDERR_FILENO);
+        execl(bin.c_str(), bin.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    if (WaitForOutput("Start server port", 60000)) return true;
+    std::fprintf(stderr, "msgload: %s did not start; see %s\n", bin.c_str(), out.c_str());
+    return false;
+}
+
+bool Server::WaitForOutput(const char* text, int timeoutMs) const {
+    auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (Clock::now() < end) {
+        std::ifstream in(m_dir + "/out.log");
+        std::stringstream ss;
+        ss << in.rdbuf();
+        if (ss.str().find(text) != std::string::npos) return true;
+        if (waitpid(m_pid, nullptr, WNOHANG) == m_pid) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return false;
+}
+
+void Server::Stop() {
+    if (m_pid <= 0) return;
+    kill(m_pid, SIGTERM);
+    for (int i = 0; i < 100; ++i) {
+        if (waitpid(m_pid, nullptr, WNOHANG) == m_pid) {
+            m_pid = -1;
+            return;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    kill(m_pid, SIGKILL);
+    waitpid(m_pid, nullptr, 0);
+    m_pid = -1;
+}
+
+Server* g_server = nullptr;
+
+// ---- Load phases ----
+
+// Runs `work(first, last)` on kThreads threads over slices of the links; the sum of their
+// results.
+template <class Work>
+long long OverLinks(Work work) {
+    std::atomic<long long> total{0};
+    std::vector<std::thread> threads;
+    const int per = kConnections / kThreads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([&, t] { total += work(t * per, (t + 1) * per); });
+    for (std::thread& th : threads) th.join();
+    return total;
+}
+
+// Reads `n` replies from a link; how many were state 0.
+int ReadStates(CmsClient& link, int n) {
+    int ok = 0;
+    Reply reply;
+    for (int i = 0; i < n; ++i) {
+        if (link.ReadReply(reply, kReplyTimeoutMs) != CmsClient::ReadResult::kReply) break;
+        ok += reply.IsState() && reply.state == 0;
+    }
+    return ok;
+}
+
+// Link c carries devices c, c + 200, ...; the server attributes its events to the first of
+// them in catalogue order, device c (its channel 1).
+long long LoginSlice(int first, int last) {
+    const int perLink = kDevices / kConnections;
+    for (int c = first; c < last; ++c)
+        for (int k = 0; k < perLink; ++k) {
+            const cmsclient::Request r = cmsclient::Login(Serial(c + k * kConnections).c_str());
+            if (!g_links[c]->Send(r.head, r.payload)) return 0;
+        }
+    long long ok = 0;
+    for (int c = first; c < last; ++c) ok += ReadStates(*g_links[c], perLink);
+    return ok;
+}
+
+// Alternates device-state events (link lost, back: each one a change the server records)
+// with analytics alarms, then sends a login whose answer proves that the link's events
+// have all been handled (one link's messages are handled in order).
+long long EventSlice(int first, int last, int perLink) {
+    cmsclient::EventFields f;
+    f.channel = "1";
+    f.info = "msgload";
+    const cmsclient::Request lost = cmsclient::DeviceStateEvent(f, DEVSTATE_DISLINK);
+    const cmsclient::Request back = cmsclient::DeviceStateEvent(f, DEVSTATE_DISLINK_RESUME);
+    const cmsclient::Request alarm = cmsclient::AlarmEvent(f, 5, 0);
+    for (int c = first; c < last; ++c) {
+        for (int k = 0; k < perLink; ++k) {
+            const cmsclient::Request& r = k % 2 ? alarm : (k / 2) % 2 ? back : lost;
+            if (!g_links[c]->Send(r.head, r.payload)) return 0;
+        }
+        cmsclient::Request barrier = cmsclient::Login(Serial(c).c_str());
+        if (!g_links[c]->Send(barrier.head, barrier.payload)) return 0;
+    }
+    long long handled = 0;
+    for (int c = first; c < last; ++c) handled += ReadStates(*g_links[c], 1) ? perLink : 0;
+    return handled;
+}
+
+void BM_Logins(benchmark::State& state) {
+    for (auto _ : state) {
+        g_links.clear();
+        for (int c = 0; c < kConnections; ++c) {
+            g_links.push_back(std::make_unique<CmsClient>());
+            if (!g_links.back()->Connect("127.0.0.1", g_server->port()))
+                return state.SkipWithError("connect failed");
+        }
+        auto start = Clock::now();
+        long long ok = OverLinks(LoginSlice);
+        double secs = Seconds(start);
+        state.SetIterationTime(secs);
+        g_loggedIn = ok == kDevices;
+        if (!g_loggedIn) return state.SkipWithError("not every login was answered with state 0");
+        g_fig.loginsPerSec = ok / secs;
+        state.counters["logins"] = static_cast<double>(ok);
+        state.counters["logins_per_s"] = g_fig.loginsPerSec;
+    }
+}
+BENCHMARK(BM_Logins)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+int EventCount() {
+    const char* p = std::getenv("CMS_BENCH_EVENTS");
+    int n = p ? std::atoi(p) : 10000;
+    n = std::max(2 * kConnections, std::min(n, 200000));
+    return n / (2 * kConnections) * (2 * kConnections);  // whole pairs on every link
+}
+
+void BM_Events(benchmark::State& state) {
+    if (!g_loggedIn) return state.SkipWithError("needs BM_Logins first");
+    Mysql db = ConnectDb(kDbName);
+    if (!db) return state.SkipWithError("no database");
+    for (auto _ : state) {
+        const int perLink = EventCount() / kConnections;
+        auto start = Clock::now();
+        long long handled = OverLinks([perLink](int a, int b) { return EventSlice(a, b, perLink); });
+        double secs = Seconds(start);
+        state.SetIterationTime(secs);
+        if (handled != static_cast<long long>(perLink) * kConnections)
+            return state.SkipWithError("a link's events were not all handled in time");
+        g_fig.events = static_cast<int>(handled);
+        g_fig.eventsPerSec = handled / secs;
+        g_fig.rows = Count(db.get(), "deveventlog") + Count(db.get(), "intveventlog");
+        g_fig.rowsPerSec = g_fig.rows / secs;
+        state.counters["events_per_s"] = g_fig.eventsPerSec;
+        state.counters["rows"] = static_cast<double>(g_fig.rows);
+    }
+}
+BENCHMARK(BM_Events)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// The same statement the server writes for an alarm, over one connection kept open.
+void BM_InsertCeiling(benchmark::State& state) {
+    Mysql db = ConnectDb(kDbName);
+    if (!db) return state.SkipWithError("no database");
+    for (auto _ : state) {
+        auto start = Clock::now();
+        for (int i = 0; i < kCeilingInserts; ++i) {
+            if (!Run(db.get(), "insert into intveventlog(nodeid,nodetype,eventtype,param,"
+                               "descript,logtime,loctime) values (1,3,5,0,\"ceiling\","
+                               "\"2024-5-1 8:0:0\",\"2024-5-1 8:0:0\")"))
+                return state.SkipWithError("insert failed");
+        }
+        double secs = Seconds(start);
+        state.SetIterationTime(secs);
+        g_fig.insertsPerSec = kCeilingInserts / secs;
+        state.counters["inserts_per_s"] = g_fig.insertsPerSec;
+    }
+}
+BENCHMARK(BM_InsertCeiling)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+void PrintFigures() {
+    std::printf("\nmsgload: %d logins over %d connections: %.0f logins/s\n", kDevices,
+                kConnections, g_fig.loginsPerSec);
+    std::printf("msgload: %d events (half device-state, half analytics): %.0f events/s, "
+                "%lld rows written (%.0f rows/s)\n",
+                g_fig.events, g_fig.eventsPerSec, g_fig.rows, g_fig.rowsPerSec);
+    std::printf("msgload: single-row inserts over one persistent connection: %.0f rows/s\n",
+                g_fig.insertsPerSec);
+    if (g_fig.insertsPerSec > 0)
+        std::printf("msgload: event rows/s against that ceiling: %.2f\n",
+                    g_fig.rowsPerSec / g_fig.insertsPerSec);
+    std::fflush(stdout);  // before the database script prints its own lines
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (access((std::string(CMS_BINARY_DIR) + "/cmssvr").c_str(), X_OK) != 0) {
+        std::fprintf(stderr, "msgload: build the cmssvr target first\n");
+        return 1;
+    }
+    if (!StartDatabase()) return 1;
+    std::printf("msgload: populating %d devices with one channel each...\n", kDevices);
+    std::fflush(stdout);
+    bool ok = Populate();
+    if (ok) {
+        Server server;
+        g_server = &server;
+        ok = server.Start();
+        if (ok) {
+            benchmark::RunSpecifiedBenchmarks();
+            PrintFigures();
+        }
+        g_links.clear();
+        server.Stop();
+        g_server = nullptr;
+    }
+    StopDatabase();
+    return ok ? 0 : 1;
+}
