@@ -301,6 +301,9 @@ int EnsureTypedRegion(CMysqlDB& db, int type, const char* name, int rootId, int*
 
 }  // namespace cmsmsg
 
+// Both return the appended catalogue record, or null. The record may be released by a
+// reload once csCatalog is free, so callers use the result as a found/not-found answer and
+// look the node up again under the lock to touch it.
 void* CCMSSvrDlg::AddNode(int id, int type) {
     const char* table = NodeTable(type);
     if (!table) return nullptr;
