@@ -100,7 +100,8 @@ Mysql ConnectDb(const char* db) {
 bool Run(MYSQL* c, const std::string& sql) {
     bool ok = mysql_real_query(c, sql.data(), sql.size()) == 0;
     if (!ok) std::fprintf(stderr, "msgload: sql failed: %s\n", mysql_error(c));
-    while (mysql_next_result(c) == 0) {}
+    while (mysql_next_result(c) == 0) {
+    }
     return ok;
 }
 
@@ -134,15 +135,15 @@ bool Populate() {
     std::ifstream schemaFile(std::string(CMS_SOURCE_DIR) + "/db/schema.sql");
     std::stringstream schema;
     schema << schemaFile.rdbuf();
-    return Run(c.get(), std::string("DROP DATABASE IF EXISTS ") + kDbName +
-                            "; CREATE DATABASE " + kDbName) &&
+    return Run(c.get(), std::string("DROP DATABASE IF EXISTS ") + kDbName + "; CREATE DATABASE " +
+                            kDbName) &&
            mysql_select_db(c.get(), kDbName) == 0 && Run(c.get(), schema.str()) &&
            Run(c.get(), "insert into region(id,name,parentid) values (1,'root',0)") &&
            InsertRows(c.get(), "insert into device(id,name,sn,regionid,ftype,port) values ",
                       kDevices,
                       [](int i) {
-                          return "(" + std::to_string(i + 1) + ",'dev" + std::to_string(i) +
-                                 "','" + Serial(i) + "',1,1,8000)";
+                          return "(" + std::to_string(i + 1) + ",'dev" + std::to_string(i) + "','" +
+                                 Serial(i) + "',1,1,8000)";
                       }) &&
            InsertRows(c.get(), "insert into devicechan(id,devid,chan,name,hardwaretype) values ",
                       kDevices, [](int i) {
@@ -353,7 +354,8 @@ void BM_Events(benchmark::State& state) {
     for (auto _ : state) {
         const int perLink = EventCount() / kConnections;
         auto start = Clock::now();
-        long long handled = OverLinks([perLink](int a, int b) { return EventSlice(a, b, perLink); });
+        long long handled =
+            OverLinks([perLink](int a, int b) { return EventSlice(a, b, perLink); });
         double secs = Seconds(start);
         state.SetIterationTime(secs);
         if (handled != static_cast<long long>(perLink) * kConnections)
@@ -375,9 +377,10 @@ void BM_InsertCeiling(benchmark::State& state) {
     for (auto _ : state) {
         auto start = Clock::now();
         for (int i = 0; i < kCeilingInserts; ++i) {
-            if (!Run(db.get(), "insert into intveventlog(nodeid,nodetype,eventtype,param,"
-                               "descript,logtime,loctime) values (1,3,5,0,\"ceiling\","
-                               "\"2024-5-1 8:0:0\",\"2024-5-1 8:0:0\")"))
+            if (!Run(db.get(),
+                     "insert into intveventlog(nodeid,nodetype,eventtype,param,"
+                     "descript,logtime,loctime) values (1,3,5,0,\"ceiling\","
+                     "\"2024-5-1 8:0:0\",\"2024-5-1 8:0:0\")"))
                 return state.SkipWithError("insert failed");
         }
         double secs = Seconds(start);
@@ -389,11 +392,12 @@ void BM_InsertCeiling(benchmark::State& state) {
 BENCHMARK(BM_InsertCeiling)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 void PrintFigures() {
-    std::printf("\nmsgload: %d logins over %d connections: %.0f logins/s\n", kDevices,
-                kConnections, g_fig.loginsPerSec);
-    std::printf("msgload: %d events (half device-state, half analytics): %.0f events/s, "
-                "%lld rows written (%.0f rows/s)\n",
-                g_fig.events, g_fig.eventsPerSec, g_fig.rows, g_fig.rowsPerSec);
+    std::printf("\nmsgload: %d logins over %d connections: %.0f logins/s\n", kDevices, kConnections,
+                g_fig.loginsPerSec);
+    std::printf(
+        "msgload: %d events (half device-state, half analytics): %.0f events/s, "
+        "%lld rows written (%.0f rows/s)\n",
+        g_fig.events, g_fig.eventsPerSec, g_fig.rows, g_fig.rowsPerSec);
     std::printf("msgload: single-row inserts over one persistent connection: %.0f rows/s\n",
                 g_fig.insertsPerSec);
     if (g_fig.insertsPerSec > 0)

@@ -1,8 +1,7 @@
 // cmsctl end to end: the real binary against the real daemon over the demo catalogue.
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstdio>
@@ -97,21 +96,21 @@ protected:
 TEST_F(Cmsctl, HelpAndBadInput) {
     CtlRun help = Ctl({"--help"});
     EXPECT_EQ(help.code, 0);
-    for (const char* word : {"login", "push", "url", "nodes", "sql", "put", "get", "delete",
-                             "event"})
+    for (const char* word :
+         {"login", "push", "url", "nodes", "sql", "put", "get", "delete", "event"})
         EXPECT_TRUE(Contains(help.out, std::string("\n  ") + word + " ")) << word;
 
     // Bad input is refused before anything is sent.
-    for (const auto& words : std::vector<std::vector<std::string>>{
-             {},
-             {"frobnicate"},
-             {"url", "--node", "x", "--type", "3"},
-             {"url", "--node", "1"},
-             {"sql", "query", "select 1"},
-             {"put", "1", "2", "3", "/nonexistent/file"},
-             {"event", "alarm", "--code", "5"},
-             {"login", std::string(100, 'S')},
-             {"login", "A", "--bogus", "1"}}) {
+    for (const auto& words :
+         std::vector<std::vector<std::string>>{{},
+                                               {"frobnicate"},
+                                               {"url", "--node", "x", "--type", "3"},
+                                               {"url", "--node", "1"},
+                                               {"sql", "query", "select 1"},
+                                               {"put", "1", "2", "3", "/nonexistent/file"},
+                                               {"event", "alarm", "--code", "5"},
+                                               {"login", std::string(100, 'S')},
+                                               {"login", "A", "--bogus", "1"}}) {
         CtlRun r = At(words);
         EXPECT_EQ(r.code, 2) << r.out;
         EXPECT_TRUE(Contains(r.out, "cmsctl: ")) << r.out;
@@ -147,7 +146,7 @@ TEST_F(Cmsctl, LoginAddressesAndNodeLists) {
 
 TEST_F(Cmsctl, Statements) {
     CtlRun query = At({"sql", "query", "select id,name from device where id<3 order by id",
-                    "--columns", "id,name"});
+                       "--columns", "id,name"});
     EXPECT_EQ(query.code, 0) << query.out;
     EXPECT_EQ(query.out,
               "<data><tb>id,name,</tb><vs><v>1,Gate recorder,</v><v>2,Lobby camera,</v></vs>"
@@ -155,8 +154,8 @@ TEST_F(Cmsctl, Statements) {
 
     CtlRun add = At({"sql", "add", "insert into stiffinfo(name) values ('Wang Fang')"});
     EXPECT_EQ(add.code, 0) << add.out;
-    EXPECT_EQ(add.out, "id " + db->Scalar("select id from stiffinfo where name='Wang Fang'") +
-                           "\n");
+    EXPECT_EQ(add.out,
+              "id " + db->Scalar("select id from stiffinfo where name='Wang Fang'") + "\n");
     EXPECT_EQ(At({"sql", "exec", "update stiffinfo set department='Gate' where id=1"}).code, 0);
     EXPECT_EQ(db->Scalar("select department from stiffinfo where id=1"), "Gate");
     EXPECT_EQ(At({"sql", "exec", "update nosuchtable set a=1"}).code, 1);
@@ -187,7 +186,7 @@ TEST_F(Cmsctl, EventsLandInTheirLogTables) {
     cmstest::TempDir tmp;
     tmp.Write("pic.jpg", "JPEGDATA");
     CtlRun alarm = At({"event", "alarm", "--as", kRecorder, "--chan", "1", "--code", "5", "--info",
-                    "door forced", "--picture", tmp.File("pic.jpg")});
+                       "door forced", "--picture", tmp.File("pic.jpg")});
     EXPECT_EQ(alarm.code, 0) << alarm.out;
     // Handled before the reply to the closing login, so the row is there already.
     auto rows = db->Query("select id,nodeid,nodetype,eventtype,descript from intveventlog");
@@ -205,7 +204,8 @@ TEST_F(Cmsctl, EventsLandInTheirLogTables) {
     EXPECT_EQ(CountSoon("devdiagnoselog", "nodeid=1 and nodetype=3 and descript='镜头遮挡'"), 1);
 
     // An unknown sender is not acknowledged.
-    CtlRun unknown = At({"--timeout", "300", "event", "state", "--serial", "NOSUCH", "--code", "1"});
+    CtlRun unknown =
+        At({"--timeout", "300", "event", "state", "--serial", "NOSUCH", "--code", "1"});
     EXPECT_EQ(unknown.code, 1) << unknown.out;
 }
 

@@ -69,7 +69,9 @@ TEST(Requests, UrlListAndFileRequestsCarryTheirParametersWhereTheServerReadsThem
     EXPECT_EQ(byCode.payload.substr(43), std::string(5, '\0'));
 
     auto list = cmsclient::GetNodeList(DATA_GB_SHARE_NODE, "3400");
-    EXPECT_EQ(list.payload, std::string("\x04\0\0\0\0\0\0\0" "3400\0", 13));
+    EXPECT_EQ(list.payload, std::string("\x04\0\0\0\0\0\0\0"
+                                        "3400\0",
+                                        13));
 
     auto put = cmsclient::PutFile(7, -5, 255, "abc");
     EXPECT_EQ(put.head.nType, CMS_MSG_WRITEFILE);

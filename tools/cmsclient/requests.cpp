@@ -135,8 +135,7 @@ Request PutFile(int kind, int id, int index, const std::string& bytes) {
 }
 
 Request GetFile(int kind, int id, int index) {
-    return {Head(CMS_MSG_GETFILE, static_cast<uint8_t>(kind), static_cast<uint8_t>(index), id),
-            {}};
+    return {Head(CMS_MSG_GETFILE, static_cast<uint8_t>(kind), static_cast<uint8_t>(index), id), {}};
 }
 
 Request DeleteFile(int kind, int id) {

@@ -59,13 +59,13 @@ Request DeleteFile(int kind, int id);
 
 // What every event record carries besides its class-specific fields.
 struct EventFields {
-    uint32_t unTime = 0;               // seconds since 1970; 0 stands for now
-    std::string channel = "1";         // szSerial: channel number for link senders
-    int nNodeID = 0;                   // node id for server senders, 0 when unknown
+    uint32_t unTime = 0;        // seconds since 1970; 0 stands for now
+    std::string channel = "1";  // szSerial: channel number for link senders
+    int nNodeID = 0;            // node id for server senders, 0 when unknown
     int nNodeType = 0;
-    std::string info;                  // szInfo, the description stored with the row
-    std::vector<std::string> pictures; // at most 4, lengths go to nPicLen
-    std::string senderSerial;          // non-empty: a _msg_device naming the sender leads
+    std::string info;                   // szInfo, the description stored with the row
+    std::vector<std::string> pictures;  // at most 4, lengths go to nPicLen
+    std::string senderSerial;           // non-empty: a _msg_device naming the sender leads
 };
 constexpr size_t kMaxPictures = 4;
 

@@ -69,8 +69,8 @@ bool ParseInt(const std::string& text, long long min, long long max, long long& 
     return true;
 }
 
-bool IntArg(const std::string& text, const char* what, long long min, long long max,
-            long long& out, std::string& error) {
+bool IntArg(const std::string& text, const char* what, long long min, long long max, long long& out,
+            std::string& error) {
     if (ParseInt(text, min, max, out)) return true;
     error = std::string(what) + " wants a number from " + std::to_string(min) + " to " +
             std::to_string(max) + ", not '" + text + "'";

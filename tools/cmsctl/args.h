@@ -60,7 +60,7 @@ bool IntOption(const Args& args, const char* name, long long min, long long max,
 }
 
 // A positional integer, with the same checks; `what` names it in the error.
-bool IntArg(const std::string& text, const char* what, long long min, long long max,
-            long long& out, std::string& error);
+bool IntArg(const std::string& text, const char* what, long long min, long long max, long long& out,
+            std::string& error);
 
 }  // namespace cmsctl

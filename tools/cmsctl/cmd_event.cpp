@@ -151,8 +151,8 @@ int RunEvent(const Context& ctx) {
     EventFields fields;
     std::string login, error;
     Request event;
-    if (!ReadSender(ctx.args, fields, login, error) ||
-        !ReadCommonFields(ctx.args, fields, error) || !kind->build(ctx.args, fields, event, error))
+    if (!ReadSender(ctx.args, fields, login, error) || !ReadCommonFields(ctx.args, fields, error) ||
+        !kind->build(ctx.args, fields, event, error))
         return UsageError(error);
 
     Session session(ctx);

@@ -56,8 +56,7 @@ int RunSql(const Context& ctx) {
     const std::string* columns = ctx.args.Get("--columns");
     if (verb->op == DATAQUERYMYSELF && (!columns || columns->empty()))
         return UsageError("sql query needs --columns a,b,c (the columns to return)");
-    if (verb->op != DATAQUERYMYSELF && columns)
-        return UsageError("--columns belongs to sql query");
+    if (verb->op != DATAQUERYMYSELF && columns) return UsageError("--columns belongs to sql query");
     if (words[2].size() + (columns ? columns->size() + 2 : 0) > kMaxPayload)
         return UsageError("the statement is too long for one message");
 

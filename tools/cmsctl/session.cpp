@@ -21,8 +21,7 @@ bool Session::Open() {
 }
 
 bool Session::Send(const cmsclient::Request& request) {
-    if ((m_client.IsOpen() || Open()) && m_client.Send(request.head, request.payload))
-        return true;
+    if ((m_client.IsOpen() || Open()) && m_client.Send(request.head, request.payload)) return true;
     if (m_client.IsOpen()) Failure("the server did not take the request");
     return false;
 }
@@ -46,8 +45,9 @@ bool Session::Read(cmsclient::Reply& reply) {
 }
 
 int StateResult(const cmsclient::Reply& reply) {
-    if (!reply.IsState()) return Failure("expected a state, got " +
-                                         std::to_string(reply.data.size()) + " bytes of data");
+    if (!reply.IsState())
+        return Failure("expected a state, got " + std::to_string(reply.data.size()) +
+                       " bytes of data");
     std::printf("%s\n", cmsclient::DescribeState(reply.state).c_str());
     return reply.state == 0 ? kExitOk : kExitFailed;
 }
