@@ -158,7 +158,8 @@ int RunEvent(const Context& ctx) {
     Session session(ctx);
     if (!login.empty()) return SendAsLoggedIn(session, login, event);
     Reply reply;
-    if (!session.Exchange(event, reply)) {
+    if (!session.Send(event)) return kExitFailed;
+    if (!session.Read(reply)) {
         std::fprintf(stderr, "cmsctl: (the server acknowledges only a sender it knows)\n");
         return kExitFailed;
     }
