@@ -62,26 +62,14 @@ TEST(FrameDecoder, EverySplitPointYieldsTheSameFrames) {
     EXPECT_EQ(Decode(decoder, stream, everyByte), kBodies);
 }
 
-TEST(FrameDecoder, PartialStateFollowsTheStream) {
-    Bytes stream = Frame("abcdef");
-    FrameDecoder decoder;
-    Bytes body;
-    decoder.Append(stream.data(), 2);  // half the length
-    EXPECT_EQ(decoder.Next(body), FrameDecoder::Status::kNeedMore);
-    EXPECT_TRUE(decoder.HasPartial());
-    decoder.Append(stream.data() + 2, stream.size() - 3);  // all but the last body byte
-    EXPECT_EQ(decoder.Next(body), FrameDecoder::Status::kNeedMore);
-    EXPECT_TRUE(decoder.HasPartial());
-    decoder.Append(stream.data() + stream.size() - 1, 1);
-    ASSERT_EQ(decoder.Next(body), FrameDecoder::Status::kFrame);
-    EXPECT_EQ(std::string(body.begin(), body.end()), "abcdef");
-    EXPECT_FALSE(decoder.HasPartial());
-
-    // Only keep-alives: nothing handed on, nothing pending.
-    Bytes empties = Concat({Frame(""), Frame(""), Frame("")});
-    decoder.Append(empties.data(), empties.size());
-    EXPECT_EQ(decoder.Next(body), FrameDecoder::Status::kNeedMore);
-    EXPECT_FALSE(decoder.HasPartial());
+TEST(FrameDecoder, PartialMeansBytesOfAnUnfinishedFrame) {
+    // The idle time-out hangs on this: half a length counts, keep-alives do not.
+    for (const Bytes& stream : {Bytes{6, 0}, Concat({Frame("abcdef")}), Concat({Frame("")})}) {
+        FrameDecoder decoder;
+        size_t frames = Decode(decoder, stream, {}).size();
+        EXPECT_EQ(decoder.HasPartial(), stream.size() == 2);
+        EXPECT_EQ(frames, stream.size() == 10 ? 1u : 0u);
+    }
 }
 
 TEST(FrameDecoder, LengthsAtAndOverTheLimit) {

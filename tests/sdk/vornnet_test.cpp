@@ -1,10 +1,5 @@
 // The message listener over real loopback sockets.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -19,74 +14,20 @@
 
 #include "VornFrame.h"
 #include "VornNetSDK.h"
+#include "cmsclient/cmsclient.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
 using Clock = std::chrono::steady_clock;
+using cmsclient::CmsClient;
+using cmsclient::Reply;
 using std::chrono::milliseconds;
 
-// A blocking loopback client that speaks raw bytes, so tests can also send broken ones.
-class RawClient {
-public:
-    explicit RawClient(int port) {
-        m_fd = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(static_cast<uint16_t>(port));
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (connect(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) Close();
-    }
-    ~RawClient() { Close(); }
-    bool ok() const { return m_fd >= 0; }
-    void Close() {
-        if (m_fd >= 0) close(m_fd);
-        m_fd = -1;
-    }
-
-    bool SendRaw(const Bytes& bytes) {
-        return send(m_fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-               static_cast<ssize_t>(bytes.size());
-    }
-    // A message with a 12-byte header of type `type` and `payload`.
-    bool SendMessage(uint8_t type, const std::string& payload) {
-        Bytes body(vorn::kMsgHeadSize, 0);
-        body[0] = type;
-        body.insert(body.end(), payload.begin(), payload.end());
-        Bytes frame;
-        vorn::AppendFrame(frame, body.data(), body.size());
-        return SendRaw(frame);
-    }
-
-    // The next frame body, or false on time-out or close.
-    bool ReadFrame(Bytes& body, int timeoutMs = 3000) {
-        uint8_t length[4];
-        if (!ReadExactly(length, 4, timeoutMs)) return false;
-        body.resize(vorn::GetLe32(length));
-        return ReadExactly(body.data(), body.size(), timeoutMs);
-    }
-    // True when the server closed the connection within the time-out.
-    bool WaitClosed(int timeoutMs) {
-        pollfd pfd{m_fd, POLLIN, 0};
-        if (poll(&pfd, 1, timeoutMs) <= 0) return false;
-        char byte;
-        return recv(m_fd, &byte, 1, 0) <= 0;
-    }
-
-private:
-    bool ReadExactly(uint8_t* out, size_t n, int timeoutMs) {
-        size_t got = 0;
-        while (got < n) {
-            pollfd pfd{m_fd, POLLIN, 0};
-            if (poll(&pfd, 1, timeoutMs) <= 0) return false;
-            ssize_t r = recv(m_fd, out + got, n - got, 0);
-            if (r <= 0) return false;
-            got += static_cast<size_t>(r);
-        }
-        return true;
-    }
-    int m_fd = -1;
-};
+cmsclient::MsgHead Head(uint8_t type) {
+    cmsclient::MsgHead head;
+    head.nType = type;
+    return head;
+}
 
 // Records every callback and checks the per-connection guarantees as they happen.
 struct Recorder {
@@ -153,12 +94,11 @@ protected:
         VornStopServer(m_server);
         VornNetSDK_SetFrameTimeout(0);
     }
+    bool Connect(CmsClient& client) { return client.Connect("127.0.0.1", m_port); }
     Recorder m_rec;
     int m_server = -1;
     int m_port = 0;
 };
-
-int32_t StateOf(const Bytes& body) { return static_cast<int32_t>(vorn::GetLe32(&body[12])); }
 
 TEST_F(VornNetTest, RepliesAreFramedResultsAndAddressesAreKnown) {
     m_rec.onMessage = [](int client, const std::string& payload) {
@@ -171,20 +111,16 @@ TEST_F(VornNetTest, RepliesAreFramedResultsAndAddressesAreKnown) {
         VornServerSendData(client, reinterpret_cast<const unsigned char*>(payload.data()),
                            static_cast<int>(payload.size()));
     };
-    RawClient client(m_port);
-    ASSERT_TRUE(client.ok());
-    ASSERT_TRUE(client.SendRaw({0, 0, 0, 0}));  // keep-alive: no callback
-    ASSERT_TRUE(client.SendMessage(1, "SN-0001"));
-    Bytes state, data;
-    ASSERT_TRUE(client.ReadFrame(state));
-    ASSERT_EQ(state.size(), 16u);
-    EXPECT_EQ(state[0], 17);
-    EXPECT_EQ(state[1], 0);
-    EXPECT_EQ(StateOf(state), 7);
-    ASSERT_TRUE(client.ReadFrame(data));
-    EXPECT_EQ(data[0], 17);
-    EXPECT_EQ(data[1], 1);
-    EXPECT_EQ(std::string(data.begin() + 12, data.end()), "SN-0001");
+    CmsClient client;
+    ASSERT_TRUE(Connect(client));
+    ASSERT_TRUE(client.SendFrame(nullptr, 0));  // keep-alive: no callback
+    Reply reply;
+    ASSERT_TRUE(client.Request(Head(1), "SN-0001", reply));
+    EXPECT_TRUE(reply.IsState());
+    EXPECT_EQ(reply.state, 7);
+    ASSERT_EQ(client.ReadReply(reply), CmsClient::ReadResult::kReply);
+    EXPECT_FALSE(reply.IsState());
+    EXPECT_EQ(std::string(reply.data.begin(), reply.data.end()), "SN-0001");
     ASSERT_TRUE(m_rec.WaitFor([&] { return m_rec.messages.size() == 1; }));
     std::lock_guard<std::mutex> lock(m_rec.mutex);
     EXPECT_EQ(m_rec.messages.begin()->second.size(), 1u);
@@ -200,11 +136,13 @@ TEST_F(VornNetTest, ManyClientsKeepOrderAndDisconnectOnceLast) {
     std::vector<std::thread> threads;
     for (int c = 0; c < kClients; ++c) {
         threads.emplace_back([this] {
-            RawClient client(m_port);
-            ASSERT_TRUE(client.ok());
-            for (int i = 0; i < kMessages; ++i) client.SendMessage(9, std::to_string(i));
-            Bytes reply;
-            for (int i = 0; i < kMessages; ++i) ASSERT_TRUE(client.ReadFrame(reply));
+            CmsClient client;
+            ASSERT_TRUE(Connect(client));
+            for (int i = 0; i < kMessages; ++i) client.Send(Head(9), std::to_string(i));
+            Reply reply;
+            for (int i = 0; i < kMessages; ++i) {
+                ASSERT_EQ(client.ReadReply(reply, 3000), CmsClient::ReadResult::kReply);
+            }
         });
     }
     for (auto& thread : threads) thread.join();
@@ -232,8 +170,9 @@ TEST_F(VornNetTest, AFloodBehindABlockedCallbackArrivesWhole) {
         std::unique_lock<std::mutex> lock(gateMutex);
         gateOpened.wait(lock, [&] { return open; });
     };
-    RawClient client(m_port);
-    for (int i = 0; i < kMessages; ++i) ASSERT_TRUE(client.SendMessage(9, std::to_string(i)));
+    CmsClient client;
+    ASSERT_TRUE(Connect(client));
+    for (int i = 0; i < kMessages; ++i) ASSERT_TRUE(client.Send(Head(9), std::to_string(i)));
     std::this_thread::sleep_for(milliseconds(200));
     {
         std::lock_guard<std::mutex> lock(gateMutex);
@@ -252,20 +191,21 @@ TEST_F(VornNetTest, AFloodBehindABlockedCallbackArrivesWhole) {
 
 TEST_F(VornNetTest, BrokenClientsAreDroppedAndReportedOnce) {
     VornNetSDK_SetFrameTimeout(300);
-    RawClient midFrame(m_port), oversize(m_port), stalled(m_port), quiet(m_port);
-    ASSERT_TRUE(midFrame.ok() && oversize.ok() && stalled.ok() && quiet.ok());
-
-    Bytes half = {100, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
-    midFrame.SendRaw(half);
+    CmsClient midFrame, oversize, stalled, quiet;
+    for (CmsClient* client : {&midFrame, &oversize, &stalled, &quiet}) {
+        ASSERT_TRUE(Connect(*client));
+    }
+    const uint8_t half[] = {100, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
+    midFrame.SendRaw(half, sizeof half);
     midFrame.Close();  // hangs up inside a frame
 
-    Bytes tooLong(4);
-    vorn::PutLe32(tooLong.data(), vorn::kMaxFrameLength + 1);
-    oversize.SendRaw(tooLong);
+    uint8_t tooLong[4];
+    vorn::PutLe32(tooLong, vorn::kMaxFrameLength + 1);
+    oversize.SendRaw(tooLong, sizeof tooLong);
     EXPECT_TRUE(oversize.WaitClosed(2000));
 
     auto start = Clock::now();
-    stalled.SendRaw(half);  // and then says nothing more
+    stalled.SendRaw(half, sizeof half);  // and then says nothing more
     EXPECT_TRUE(stalled.WaitClosed(3000));
     EXPECT_GE(Clock::now() - start, milliseconds(250));
 
@@ -277,58 +217,53 @@ TEST_F(VornNetTest, BrokenClientsAreDroppedAndReportedOnce) {
     for (auto& entry : m_rec.disconnects) EXPECT_EQ(entry.second, 1);
 }
 
-TEST_F(VornNetTest, DelayedKillFlushesThenClosesWithoutBlocking) {
+TEST_F(VornNetTest, KillsFlushFirstAndDelayedOnesBlockNobody) {
+    const std::string big(3 * 1024 * 1024, 'q');
     std::atomic<long long> callbackMicros{0};
     m_rec.onMessage = [&](int client, const std::string& payload) {
         auto start = Clock::now();
+        if (payload == "big") {
+            VornServerSendData(client, reinterpret_cast<const unsigned char*>(big.data()),
+                               static_cast<int>(big.size()));
+            VornServerKillClient(client);
+            VornServerSendState(client, 1);  // after the kill: must not reach the client
+            return;
+        }
         VornServerSendState(client, 0);
         if (payload == "oneshot") VornServerKillClientDelayed(client, 400);
         callbackMicros +=
             std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();
     };
-    RawClient oneShot(m_port), other(m_port);
+    CmsClient bigOne, oneShot, other;
+    for (CmsClient* client : {&bigOne, &oneShot, &other}) ASSERT_TRUE(Connect(*client));
+    Reply reply;
+    ASSERT_TRUE(bigOne.Request(Head(20), "big", reply));
+    EXPECT_EQ(reply.data.size(), big.size());
+    EXPECT_TRUE(bigOne.WaitClosed(2000));
+
     auto start = Clock::now();
-    ASSERT_TRUE(oneShot.SendMessage(18, "oneshot"));
-    Bytes reply;
-    ASSERT_TRUE(oneShot.ReadFrame(reply, 1000));
+    ASSERT_TRUE(oneShot.Request(Head(18), "oneshot", reply, 1000));
     // The pool keeps serving others during the delay.
-    ASSERT_TRUE(other.SendMessage(9, "meanwhile"));
-    ASSERT_TRUE(other.ReadFrame(reply, 300));
+    ASSERT_TRUE(other.Request(Head(9), "meanwhile", reply, 300));
     EXPECT_TRUE(oneShot.WaitClosed(2000));
     EXPECT_GE(Clock::now() - start, milliseconds(380));
     EXPECT_LT(callbackMicros.load(), 100000);
-
-    // Only the killed client goes.
-    ASSERT_TRUE(m_rec.WaitFor([&] { return m_rec.TotalDisconnects() == 1; }));
+    ASSERT_TRUE(m_rec.WaitFor([&] { return m_rec.TotalDisconnects() == 2; }));
     EXPECT_FALSE(other.WaitClosed(200));
 }
 
-TEST_F(VornNetTest, KillWritesALargeReplyCompletelyFirst) {
-    const std::string big(3 * 1024 * 1024, 'q');
-    m_rec.onMessage = [&](int client, const std::string&) {
-        VornServerSendData(client, reinterpret_cast<const unsigned char*>(big.data()),
-                           static_cast<int>(big.size()));
-        VornServerKillClient(client);
-        VornServerSendState(client, 1);  // after the kill: must not reach the client
-    };
-    RawClient client(m_port);
-    ASSERT_TRUE(client.SendMessage(20, ""));
-    Bytes reply;
-    ASSERT_TRUE(client.ReadFrame(reply, 5000));
-    EXPECT_EQ(reply.size(), big.size() + 12);
-    EXPECT_TRUE(client.WaitClosed(2000));  // end of stream, not another frame
-}
-
 TEST_F(VornNetTest, StopClosesClientsAndThePortCanBeReusedAtOnce) {
-    RawClient a(m_port), b(m_port), c(m_port);
-    for (RawClient* client : {&a, &b, &c}) ASSERT_TRUE(client->SendMessage(1, "x"));
+    CmsClient a, b, c;
+    for (CmsClient* client : {&a, &b, &c}) {
+        ASSERT_TRUE(Connect(*client));
+        ASSERT_TRUE(client->Send(Head(1), "x"));
+    }
     ASSERT_TRUE(m_rec.WaitFor([&] { return m_rec.messages.size() == 3; }));
-    std::set<int> firstIds;
+    int lastId = 0;
     {
         std::lock_guard<std::mutex> lock(m_rec.mutex);
-        for (auto& entry : m_rec.messages) firstIds.insert(entry.first);
+        lastId = m_rec.messages.rbegin()->first;
     }
-
     EXPECT_EQ(VornStopServer(m_server), 1);
     {
         // Stop returns after the last disconnect callback.
@@ -336,34 +271,49 @@ TEST_F(VornNetTest, StopClosesClientsAndThePortCanBeReusedAtOnce) {
         EXPECT_EQ(m_rec.TotalDisconnects(), 3);
     }
     EXPECT_EQ(VornStopServer(m_server), 0);
-    for (RawClient* client : {&a, &b, &c}) EXPECT_TRUE(client->WaitClosed(1000));
+    for (CmsClient* client : {&a, &b, &c}) EXPECT_TRUE(client->WaitClosed(1000));
 
     m_server = VornStartServer(m_port, VORN_MODE_MESSAGE, &Recorder::Callback, &m_rec);
     ASSERT_GT(m_server, 0);
-    RawClient again(m_port);
-    ASSERT_TRUE(again.SendMessage(1, "y"));
+    CmsClient again;
+    ASSERT_TRUE(Connect(again));
+    ASSERT_TRUE(again.Send(Head(1), "y"));
     ASSERT_TRUE(m_rec.WaitFor([&] { return m_rec.messages.size() == 4; }));
     std::lock_guard<std::mutex> lock(m_rec.mutex);
-    for (auto& entry : m_rec.messages) {
-        if (!firstIds.count(entry.first)) {
-            EXPECT_GT(entry.first, *firstIds.rbegin());
-        }
-    }
+    EXPECT_GT(m_rec.messages.rbegin()->first, lastId);  // ids are not reused
 }
 
-TEST_F(VornNetTest, StopFromInsideACallbackDoesNotDeadlock) {
+TEST_F(VornNetTest, StopInsideACallbackThenDestroyAndStartAgain) {
     m_rec.onMessage = [&](int, const std::string&) { VornStopServer(m_server); };
-    RawClient client(m_port);
-    ASSERT_TRUE(client.SendMessage(1, "stop"));
+    CmsClient client;
+    ASSERT_TRUE(Connect(client));
+    ASSERT_TRUE(client.Send(Head(1), "stop"));
     EXPECT_TRUE(client.WaitClosed(2000));
     EXPECT_TRUE(m_rec.WaitFor([&] { return m_rec.TotalDisconnects() == 1; }));
-    // Nothing else waits for that listener's last callback; ending the threads does.
+    // Destroy waits for the callbacks of every listener still running.
+    m_rec.onMessage = nullptr;
+    CmsClient other;
+    m_server = VornStartServer(0, VORN_MODE_MESSAGE, &Recorder::Callback, &m_rec);
+    ASSERT_TRUE(other.Connect("127.0.0.1", VornServerGetListenPort(m_server)));
+    ASSERT_TRUE(other.Send(Head(1), "x"));
+    ASSERT_TRUE(m_rec.WaitFor([&] { return m_rec.messages.size() == 2; }));
     VornNetSDK_destroy();
+    EXPECT_EQ(m_rec.TotalDisconnects(), 2);
+    EXPECT_TRUE(other.WaitClosed(1000));
+
+    VornNetSDK_Init(nullptr);
+    m_server = VornStartServer(m_port, VORN_MODE_MESSAGE, &Recorder::Callback, &m_rec);
+    ASSERT_GT(m_server, 0);
+    CmsClient again;
+    ASSERT_TRUE(Connect(again));
+    ASSERT_TRUE(again.Send(Head(1), "y"));
+    EXPECT_TRUE(m_rec.WaitFor([&] { return m_rec.messages.size() == 3; }));
 }
 
 TEST_F(VornNetTest, UnknownIdsAndBadArgumentsAreHarmless) {
-    RawClient client(m_port);
-    ASSERT_TRUE(client.SendMessage(1, "x"));
+    CmsClient client;
+    ASSERT_TRUE(Connect(client));
+    ASSERT_TRUE(client.Send(Head(1), "x"));
     ASSERT_TRUE(m_rec.WaitFor([&] { return m_rec.messages.size() == 1; }));
     int closedId = m_rec.OnlyClient();
     client.Close();
@@ -386,22 +336,6 @@ TEST_F(VornNetTest, UnknownIdsAndBadArgumentsAreHarmless) {
     EXPECT_EQ(VornStartServer(0, VORN_MODE_HTTP, &Recorder::Callback, &m_rec), -1);
     EXPECT_EQ(VornStartServer(0, VORN_MODE_MESSAGE, nullptr, nullptr), -1);
     EXPECT_EQ(VornStartServer(70000, VORN_MODE_MESSAGE, &Recorder::Callback, &m_rec), -1);
-}
-
-TEST_F(VornNetTest, DestroyReportsClientsAndInitStartsAgain) {
-    RawClient client(m_port);
-    ASSERT_TRUE(client.SendMessage(1, "x"));
-    ASSERT_TRUE(m_rec.WaitFor([&] { return m_rec.messages.size() == 1; }));
-    VornNetSDK_destroy();
-    EXPECT_EQ(m_rec.TotalDisconnects(), 1);
-    EXPECT_TRUE(client.WaitClosed(1000));
-
-    VornNetSDK_Init(nullptr);
-    m_server = VornStartServer(m_port, VORN_MODE_MESSAGE, &Recorder::Callback, &m_rec);
-    ASSERT_GT(m_server, 0);
-    RawClient again(m_port);
-    ASSERT_TRUE(again.SendMessage(1, "y"));
-    EXPECT_TRUE(m_rec.WaitFor([&] { return m_rec.messages.size() == 2; }));
 }
 
 }  // namespace

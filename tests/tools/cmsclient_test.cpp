@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -55,49 +56,25 @@ TEST(ParseReply, TellsStatesFromDataAndRefusesOtherFrames) {
     }
 }
 
-// Answers "state" with the payload length as a state, "data" with the payload echoed,
-// "bye" with a state and a close, and stays silent otherwise.
-void Answer(int client, unsigned char* data, int length, void*) {
-    if (data == nullptr || length < 12) return;
-    std::string payload(reinterpret_cast<char*>(data) + 12, length - 12);
-    if (data[0] == 1) VornServerSendState(client, static_cast<int>(payload.size()));
-    if (data[0] == 2) {
-        VornServerSendData(client, data + 12, length - 12);
-    }
-    if (data[0] == 3) {
-        VornServerSendState(client, 0);
-        VornServerKillClientDelayed(client, 50);
-    }
-}
+// Never answers: what matters here is the client's side of time-outs and failures.
+void Silent(int, unsigned char*, int, void*) {}
 
-TEST(CmsClient, TalksToTheListener) {
-    int server = VornStartServer(0, VORN_MODE_MESSAGE, Answer, nullptr);
+TEST(CmsClient, TimesOutAndFailsCleanly) {
+    int server = VornStartServer(0, VORN_MODE_MESSAGE, Silent, nullptr);
     ASSERT_GT(server, 0);
     int port = VornServerGetListenPort(server);
-
     CmsClient client;
-    ASSERT_TRUE(client.Connect("localhost", port));
+    ASSERT_TRUE(client.Connect("localhost", port));  // whichever address family answers
     MsgHead head;
+    head.nType = 9;
+    ASSERT_TRUE(client.Send(head));
     Reply reply;
-    head.nType = 1;
-    ASSERT_TRUE(client.Request(head, "12345", reply));
-    EXPECT_TRUE(reply.IsState());
-    EXPECT_EQ(reply.state, 5);
-
-    head.nType = 2;
-    ASSERT_TRUE(client.Request(head, std::string(100000, 'd'), reply));
-    EXPECT_EQ(reply.data.size(), 100000u);
-
-    head.nType = 9;  // no answer
-    ASSERT_TRUE(client.Send(head));
+    auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(client.ReadReply(reply, 200), CmsClient::ReadResult::kTimeout);
-
-    head.nType = 3;
-    ASSERT_TRUE(client.Send(head));
-    EXPECT_TRUE(client.WaitClosed(2000));  // the state before the close is skipped
-    EXPECT_EQ(client.ReadReply(reply, 100), CmsClient::ReadResult::kClosed);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(190));
 
     VornStopServer(server);
+    EXPECT_EQ(client.ReadReply(reply, 1000), CmsClient::ReadResult::kClosed);
     EXPECT_FALSE(client.Connect("127.0.0.1", port, 500));
     EXPECT_FALSE(client.Send(head));
 }
