@@ -87,9 +87,9 @@ void RouteOf(int regionId, char (&route)[kRouteSize]) {
                sizeof(route));
 }
 
-// Deliberate and kept: resolving a registered device clears 40 bytes of its record from
-// the serial on (the serial, the three type bytes and the first 7 bytes of the address);
-// clients of the registration scheme rely on the cleared record. Needs the write lock.
+// Kept on purpose: resolving a registered device clears 40 bytes of its record from the
+// serial on (the serial, the three type bytes and the first 7 bytes of the address), and
+// the registered forms are then built from the cleared record. Needs the write lock.
 static_assert(offsetof(_msg_recorddevice_base, szSerial) + 40 ==
                   offsetof(_msg_recorddevice_base, szIP) + 7,
               "the cleared span ends inside szIP");

@@ -1,10 +1,9 @@
 // Builds the global catalogue in a test: each call appends one record under the write
-// lock and returns it for further tweaks; the destructor (and the constructor) release
-// every catalogue vector and the RTSP templates, so tests never see each other's records.
+// lock and returns it for further tweaks; the constructor and destructor release every
+// catalogue vector and the RTSP templates, so tests never see each other's records.
 #pragma once
 
 #include <cstdio>
-#include <cstring>
 
 #include "comm/globle.h"
 #include "comm/sysutil.h"
@@ -24,26 +23,25 @@ public:
         r->nParentID = parent;
         Put(r->szSerial, serial);
         Put(r->szName, name);
-        return Add(m_arrRegionInfos, r);
+        return Publish(m_arrRegionInfos, r);
     }
-
+    // User "u", password "p", hardware type 1 (a camera).
     _hcrecord_Info* Device(int id, int region, const char* serial, const char* ip, int port,
                            int ftype = 0, const char* code = "") {
         auto* d = new _hcrecord_Info();
         d->dev.nID = id;
         d->dev.nRegionID = region;
+        d->dev.nHardType = 1;
+        d->dev.nServerType = static_cast<uint8_t>(ftype);
+        d->dev.nPort = port;
         Put(d->dev.szSerial, serial);
         Put(d->dev.szIP, ip);
-        d->dev.nPort = port;
         Put(d->dev.szUser, "u");
         Put(d->dev.szPass, "p");
-        d->dev.nServerType = static_cast<uint8_t>(ftype);
         Put(d->dev.szCode, code);
-        d->dev.nHardType = 1;
         d->lLoginID = -1;
-        return Add(m_arrRecordInfos, d);
+        return Publish(m_arrRecordInfos, d);
     }
-
     _msg_video_record_base* Channel(int id, int device, int chan, const char* serial = "",
                                     const char* code = "") {
         auto* c = new _msg_video_record_base();
@@ -54,54 +52,42 @@ public:
         Put(c->szSerial, serial);
         Put(c->szCode, code);
         std::snprintf(c->szName, sizeof(c->szName), "chan%d", id);
-        return Add(m_arrVideoChanInfos, c);
+        return Publish(m_arrVideoChanInfos, c);
     }
-
+    // User "su", password "sp".
     _sysserver_info* Server(int id, int region, int type, const char* serial, const char* ip,
                             int port) {
         auto* s = new _sysserver_info();
         s->svr.nID = id;
         s->svr.nRegionID = region;
         s->svr.nServerType = type;
+        s->svr.nPort = port;
         Put(s->svr.szSerial, serial);
         Put(s->svr.szIP, ip);
-        s->svr.nPort = port;
         Put(s->svr.szUser, "su");
         Put(s->svr.szPass, "sp");
         s->lLoginID = -1;
-        return Add(m_arrServerFromDB, s);
+        return Publish(m_arrServerFromDB, s);
     }
-
+    // User "du", password "dp".
     _domain_info* Domain(int id, const char* code, const char* ip, int videoPort, int type = 1) {
         auto* d = new _domain_info();
         d->svr.nID = id;
+        d->svr.nPort2 = videoPort;
+        d->svr.nType = type;
         Put(d->svr.szCode, code);
         Put(d->svr.szIP, ip);
-        d->svr.nPort2 = videoPort;
         Put(d->svr.szUser, "du");
         Put(d->svr.szPass, "dp");
-        d->svr.nType = type;
         d->lLoginID = -1;
-        return Add(m_arrDomainFromDB, d);
+        return Publish(m_arrDomainFromDB, d);
     }
-
     _dev_register* Registration(int parentid, int nodeid, const char* serial) {
         auto* r = new _dev_register();
-        r->id = static_cast<int>(m_arrMediaRegInfos.size()) + 1;
         r->parentid = parentid;
         r->nodeid = nodeid;
         Put(r->serial, serial);
-        return Add(m_arrMediaRegInfos, r);
-    }
-
-    _RtspHelpString* Template(int type, int link, const char* main, const char* second = "") {
-        auto* t = new _RtspHelpString();
-        t->type = type;
-        t->link = link;
-        Put(t->main, main);
-        Put(t->second, second);
-        m_arrRtspString.push_back(t);
-        return t;
+        return Publish(m_arrMediaRegInfos, r);
     }
 
 private:
@@ -109,8 +95,9 @@ private:
     static void Put(char (&dst)[N], const char* src) {
         std::snprintf(dst, N, "%s", src);
     }
+    // Appends a finished record under the write lock: other threads may be scanning.
     template <class T>
-    static T* Add(std::vector<T*>& v, T* record) {
+    static T* Publish(std::vector<T*>& v, T* record) {
         CatalogWriteLock lock(csCatalog);
         v.push_back(record);
         return record;
