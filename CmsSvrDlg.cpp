@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <vector>
 
+#include "RUSKNetSDK.h"
 #include "VornNetSDK.h"
 #include "comm/globle.h"
 #include "comm/sysutil.h"
@@ -80,6 +81,7 @@ CCMSSvrDlg::~CCMSSvrDlg() {
 
 void CCMSSvrDlg::InitSDK() {
     VornNetSDK_Init(this);
+    RUSK_DVR_InitAll();
     puts("InitSDK succ");
 }
 

@@ -31,6 +31,10 @@ public:
     bool Send(const MsgHead& head, const std::string& payload) {
         return Send(head, payload.data(), payload.size());
     }
+    // Without this a string literal would pick the pointer form and send no payload.
+    bool Send(const MsgHead& head, const char* payload) {
+        return Send(head, std::string(payload ? payload : ""));
+    }
     // Sends a frame with exactly these body bytes (may be shorter than a header).
     bool SendFrame(const void* body, size_t n);
     // Sends bytes without framing (for tests of broken input).
