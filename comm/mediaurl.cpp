@@ -56,11 +56,21 @@ void SplitDevice(string_view dev, _cammera_info* cam) {
         dev.remove_prefix(colon == string_view::npos ? dev.size() : colon + 1);
         if (f.empty()) continue;
         switch (index++) {
-            case 0: CopyView(cam->szIP, f); break;
-            case 1: cam->nPort = ToInt(f); break;
-            case 2: CopyView(cam->szUser, f); break;
-            case 3: CopyView(cam->szPass, f); break;
-            case 4: cam->nType = ToInt(f); break;
+            case 0:
+                CopyView(cam->szIP, f);
+                break;
+            case 1:
+                cam->nPort = ToInt(f);
+                break;
+            case 2:
+                CopyView(cam->szUser, f);
+                break;
+            case 3:
+                CopyView(cam->szPass, f);
+                break;
+            case 4:
+                cam->nType = ToInt(f);
+                break;
             default: {
                 const size_t at = f.find('@');
                 if (at != string_view::npos)
@@ -75,8 +85,8 @@ void SplitDevice(string_view dev, _cammera_info* cam) {
 void ParseTime(string_view v, _PlayTime* t) {
     char text[kTimeSize];
     CopyView(text, v);
-    std::sscanf(text, "%d-%d-%d-%d-%d-%d", &t->nYear, &t->nMonth, &t->nDay, &t->nHour,
-                &t->nMinute, &t->nSecond);
+    std::sscanf(text, "%d-%d-%d-%d-%d-%d", &t->nYear, &t->nMonth, &t->nDay, &t->nHour, &t->nMinute,
+                &t->nSecond);
 }
 
 // value := stream ["&" ... "ss=" session]

@@ -34,7 +34,7 @@ enum {
 
 struct _MSG_PLAY_INFO {
     int command;
-    int param;  // live: stream; replay, reverse replay, download: file type; PTZ: preset
+    int param;             // live: stream; replay, reverse replay, download: file type; PTZ: preset
     unsigned int session;  // from "ss="
     bool bSound;
     _PlayTime startTime;

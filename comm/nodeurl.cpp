@@ -40,13 +40,11 @@ struct Conn {
 };
 
 Conn ConnOf(const _msg_recorddevice_base& d) {
-    return {View(d.szSerial), View(d.szIP), View(d.szUser), View(d.szPass), d.nPort,
-            d.nServerType};
+    return {View(d.szSerial), View(d.szIP), View(d.szUser), View(d.szPass), d.nPort, d.nServerType};
 }
 
 Conn ConnOf(const _msg_systemsrv_base& s) {
-    return {View(s.szSerial), View(s.szIP), View(s.szUser), View(s.szPass), s.nPort,
-            s.nServerType};
+    return {View(s.szSerial), View(s.szIP), View(s.szUser), View(s.szPass), s.nPort, s.nServerType};
 }
 
 btext::Writer& Add(btext::Writer& w, std::string_view v) { return w.AddN(v.data(), v.size()); }
@@ -154,7 +152,8 @@ int PlayUrlOfDevice(int nodeid, btext::Writer& w) {
     CatalogWriteLock lock(csCatalog);  // a registered device's record is cleared
     _hcrecord_Info* d = GetDeviceInfoByID(m_arrRecordInfos, nodeid);
     if (!d) return 0;
-    if (d->dev.nDomainID >= 1) return WriteDomainPlayUrl(w, d->dev.nDomainID, View(d->dev.szSerial));
+    if (d->dev.nDomainID >= 1)
+        return WriteDomainPlayUrl(w, d->dev.nDomainID, View(d->dev.szSerial));
     const _dev_register* reg = RegistrationOf(d->dev.szSerial);
     int region = d->dev.nRegionID;
     if (reg) {
@@ -410,8 +409,8 @@ _RtspHelpString* GetRtspHelp(int type) {
 
 namespace {
 
-void Substitute(btext::Writer& w, std::string_view name, const char* ip, int port,
-                const char* user, const char* pass, int chan, int stream) {
+void Substitute(btext::Writer& w, std::string_view name, const char* ip, int port, const char* user,
+                const char* pass, int chan, int stream) {
     if (name == "ip")
         w.Str(ip);
     else if (name == "port") {
@@ -490,8 +489,8 @@ int GetDomainServer(const char* code, char*& records, int& length) {
     const size_t total = list.v.size() * DOMAIN_BASE_SIZE;
     std::unique_ptr<char[]> block(new char[total]());
     for (size_t i = 0; i < list.v.size(); ++i)
-        PackDomainBase(*list.v[i], reinterpret_cast<unsigned char*>(block.get()) +
-                                       i * DOMAIN_BASE_SIZE);
+        PackDomainBase(*list.v[i],
+                       reinterpret_cast<unsigned char*>(block.get()) + i * DOMAIN_BASE_SIZE);
     records = block.release();
     length = static_cast<int>(total);
     return 1;

@@ -84,8 +84,8 @@ DevResult ParseDevice(string_view dev, COMMAND_INFO* cmd) {
 void ParseTime(string_view v, _PlayTime* t) {
     char text[kTimeSize];
     CopyView(text, v);
-    std::sscanf(text, "%d-%d-%d-%d-%d-%d", &t->nYear, &t->nMonth, &t->nDay, &t->nHour,
-                &t->nMinute, &t->nSecond);
+    std::sscanf(text, "%d-%d-%d-%d-%d-%d", &t->nYear, &t->nMonth, &t->nDay, &t->nHour, &t->nMinute,
+                &t->nSecond);
 }
 
 // value := filetype ":" start ["&" stop]

@@ -22,10 +22,10 @@ struct _PlayTime {
 
 // nPlayType values.
 enum {
-    PLAYTYPE_ROUTED = 0,       // one or more route segments
-    PLAYTYPE_LIVE = 1,         // live on a direct address
-    PLAYTYPE_REPLAY = 2,       // replay on a direct address
-    PLAYTYPE_NOROUTE = 255,    // no route segment seen (and no live/replay query)
+    PLAYTYPE_ROUTED = 0,     // one or more route segments
+    PLAYTYPE_LIVE = 1,       // live on a direct address
+    PLAYTYPE_REPLAY = 2,     // replay on a direct address
+    PLAYTYPE_NOROUTE = 255,  // no route segment seen (and no live/replay query)
 };
 
 struct COMMAND_INFO {

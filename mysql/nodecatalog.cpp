@@ -182,7 +182,8 @@ int GetServerNodeFromGroup(const char* code, char*& buf, int& len) {
 int GetServerNodeFromRegion(const char* code, int flag, char*& buf, int& len) {
     OwnedList<node_info> nodes;
     if (!GetCmsNodesFromSystem(flag, nodes.v)) return 0;
-    return PackNodeList(nodes.v, [](node_info&) {}, buf, len);
+    return PackNodeList(
+        nodes.v, [](node_info&) {}, buf, len);
 }
 
 // ---- Share list ----
@@ -343,8 +344,9 @@ const _msg_devgroup_base* AppendGroupFolders(const _msg_devgroup_base* group,
                 folder = MakeGroupFolder(*group, next->szCode, sizeof(next->szCode));
             } else {
                 const _msg_region_base* region = GetRegion(regions, group->nRegionID);
-                folder = region ? MakeGroupFolder(*group, region->szSerial, sizeof(region->szSerial))
-                                : MakeGroupFolder(*group, "", 0);
+                folder = region
+                             ? MakeGroupFolder(*group, region->szSerial, sizeof(region->szSerial))
+                             : MakeGroupFolder(*group, "", 0);
             }
             PlaceFolder(groupNodes, pos, folder);
         }

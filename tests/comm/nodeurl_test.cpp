@@ -45,8 +45,8 @@ protected:
     }
     static std::string Url(int id, int type, int expect = 1, bool config = false) {
         char url[kNodeUrlSize] = {0};
-        EXPECT_EQ(expect, config ? GetConfigUrlFromNode(id, type, url)
-                                 : GetUrlFromNode(id, type, url))
+        EXPECT_EQ(expect,
+                  config ? GetConfigUrlFromNode(id, type, url) : GetUrlFromNode(id, type, url))
             << id << "/" << type;
         return url;
     }
@@ -126,8 +126,9 @@ TEST(NodeUrlNoRootServer, CascadedDomainStartsWithTheDomain) {
 TEST_F(NodeUrlTest, ServerChannelsAndConfigurationAddresses) {
     cmstest::TestDatabase db;
     ASSERT_TRUE(db.ok());
-    ASSERT_TRUE(db.Exec("insert into serverchan(id, serverid, chan, sn) values "
-                        "(7, 12, 5, 'SC-CODE'), (8, 12, 6, ''), (9, 99, 1, '')"));
+    ASSERT_TRUE(
+        db.Exec("insert into serverchan(id, serverid, chan, sn) values "
+                "(7, 12, 5, 'SC-CODE'), (8, 12, 6, ''), (9, 99, 1, '')"));
     cat.Server(12, 4, SERVER_INTV, "AS-12", "10.3.3.3", 9000);
     EXPECT_EQ("rtsp://10.1.1.1:554/10.3.3.3:9000:su:sp:3:@SC-CODE", Url(7, SERVERCHAN_NODE));
     EXPECT_EQ("rtsp://10.1.1.1:554/10.3.3.3:9000:su:sp:3:6", Url(8, SERVERCHAN_NODE));

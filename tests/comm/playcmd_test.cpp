@@ -14,8 +14,8 @@ namespace {
 
 std::string Time(const _PlayTime& t) {
     char s[80];
-    std::snprintf(s, sizeof(s), "%d-%d-%d %d:%d:%d", t.nYear, t.nMonth, t.nDay, t.nHour,
-                  t.nMinute, t.nSecond);
+    std::snprintf(s, sizeof(s), "%d-%d-%d %d:%d:%d", t.nYear, t.nMonth, t.nDay, t.nHour, t.nMinute,
+                  t.nSecond);
     return s;
 }
 
@@ -59,11 +59,11 @@ TEST(CommandString, MalformedTruncatedAndOverlong) {
 
     // Over-long fields are cut to their arrays; the 512-byte device part is cut too.
     const std::string url = "rtsp://" + std::string(100, 'i') + ":1:" + std::string(30, 'u') +
-                            ":p:2:@" + std::string(60, 'c') + "?replay=1:" +
-                            std::string(600, '9') + "&" + std::string(600, '8');
-    EXPECT_EQ(0u, Command(url.c_str()).find("1 " + std::string(49, 'i') + "|1|" +
-                                            std::string(15, 'u') + "|p|2|0|" +
-                                            std::string(39, 'c') + " s0 f1 t2 r1"));
+                            ":p:2:@" + std::string(60, 'c') + "?replay=1:" + std::string(600, '9') +
+                            "&" + std::string(600, '8');
+    EXPECT_EQ(0u, Command(url.c_str())
+                      .find("1 " + std::string(49, 'i') + "|1|" + std::string(15, 'u') + "|p|2|0|" +
+                            std::string(39, 'c') + " s0 f1 t2 r1"));
     EXPECT_EQ(0u, Command(("rtsp://" + std::string(600, 'x') + ":1:u:p:2:3?live=1").c_str())
                       .find("1 |0|||0|0|"));
 

@@ -39,8 +39,8 @@ Rows Unpack(const char* buf, int len) {
             rows.push_back("-");
             continue;
         }
-        rows.push_back(std::string(s + 250) + "<" + (s + 460) + " " +
-                       std::to_string(I32(s + 632)) + " @" + (s + 560));
+        rows.push_back(std::string(s + 250) + "<" + (s + 460) + " " + std::to_string(I32(s + 632)) +
+                       " @" + (s + 560));
     }
     return rows;
 }
@@ -75,9 +75,9 @@ protected:
 TEST_F(NodeCatalogTest, WholeCatalogueWithAndWithoutFolders) {
     Packed p;
     ASSERT_EQ(1, GetServerNodeFromRegion("UP", 0, p.buf, p.len));
-    EXPECT_EQ(Rows({"R1<R0 0 @", "R2<R1 0 @", "R4<R0 0 @", "C100<R2 1 @", "C200<R2 3 @",
-                    "C202<R4 3 @"}),
-              Unpack(p.buf, p.len));
+    EXPECT_EQ(
+        Rows({"R1<R0 0 @", "R2<R1 0 @", "R4<R0 0 @", "C100<R2 1 @", "C200<R2 3 @", "C202<R4 3 @"}),
+        Unpack(p.buf, p.len));
     const char* dev = p.buf + 3 * NODE_INFO_SIZE;
     EXPECT_STREQ("east", p.buf);
     EXPECT_STREQ("gate", dev);
@@ -117,8 +117,8 @@ TEST_F(NodeCatalogTest, ShareListsInBothModes) {
     // code, so its slot is counted but left zero.
     Packed p;
     ASSERT_EQ(1, GetServerNodeFromShare("UP1", 0, p.buf, p.len));
-    EXPECT_EQ(Rows({"R2<R1 0 @UP1", "R1<R0 0 @UP1", "R0< 0 @UP1", "R4<R0 0 @UP1",
-                    "C100<R2 2 @UP1", "C200<R2 3 @UP1", "-"}),
+    EXPECT_EQ(Rows({"R2<R1 0 @UP1", "R1<R0 0 @UP1", "R0< 0 @UP1", "R4<R0 0 @UP1", "C100<R2 2 @UP1",
+                    "C200<R2 3 @UP1", "-"}),
               Unpack(p.buf, p.len));
     // Mode 1: members only, each naming the domain as its parent.
     Packed flat;
@@ -136,16 +136,16 @@ TEST_F(NodeCatalogTest, ShareListsInBothModes) {
 TEST_F(NodeCatalogTest, GroupListPutsRegionFoldersThenGroupFolders) {
     cmstest::TestDatabase db;
     ASSERT_TRUE(db.ok());
-    ASSERT_TRUE(db.Exec(
-        "insert into devicegroup(id, name, parentId, regionid, scode, grouptype) values "
-        "(1, 'top', 0, 3, 'G1', 1), (2, 'mid', 1, 3, 'G2', 1), (3, 'low', 2, 3, 'G3', 1), "
-        "(9, 'other', 0, 3, 'G9', 2);"
-        "insert into devicegroupchan(groupid, deviceid, DeviceChanId) values "
-        "(3, 100, 0), (3, 100, 200), (2, 101, 0), (9, 100, 0), (3, 999, 0)"));
+    ASSERT_TRUE(
+        db.Exec("insert into devicegroup(id, name, parentId, regionid, scode, grouptype) values "
+                "(1, 'top', 0, 3, 'G1', 1), (2, 'mid', 1, 3, 'G2', 1), (3, 'low', 2, 3, 'G3', 1), "
+                "(9, 'other', 0, 3, 'G9', 2);"
+                "insert into devicegroupchan(groupid, deviceid, DeviceChanId) values "
+                "(3, 100, 0), (3, 100, 200), (2, 101, 0), (9, 100, 0), (3, 999, 0)"));
     Packed p;
     ASSERT_EQ(1, GetServerNodeFromGroup("UP2", p.buf, p.len));
-    EXPECT_EQ(Rows({"R0< 0 @UP2", "R1<R0 0 @UP2", "R2<R1 0 @UP2", "G1<R2 0 @UP2",
-                    "G2<G1 0 @UP2", "G3<G2 0 @UP2", "C100<G3 1 @UP2", "C200<G3 2 @UP2", "-"}),
+    EXPECT_EQ(Rows({"R0< 0 @UP2", "R1<R0 0 @UP2", "R2<R1 0 @UP2", "G1<R2 0 @UP2", "G2<G1 0 @UP2",
+                    "G3<G2 0 @UP2", "C100<G3 1 @UP2", "C200<G3 2 @UP2", "-"}),
               Unpack(p.buf, p.len));
     EXPECT_STREQ("city", p.buf + 2 * NODE_INFO_SIZE);
     EXPECT_STREQ("top", p.buf + 3 * NODE_INFO_SIZE);
