@@ -4,7 +4,9 @@
 #pragma once
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 namespace btext {
 
@@ -37,6 +39,20 @@ inline void Copy(char (&dst)[N], const char* src) {
 template <size_t N, size_t M>
 inline void CopyField(char (&dst)[N], const char (&src)[M]) {
     CopyN(dst, N, src, M);
+}
+
+// Copies a piece of a larger text, cut to fit, so that the C calls can read it.
+template <size_t N>
+inline void CopyView(char (&dst)[N], std::string_view v) {
+    CopyN(dst, N, v.data(), v.size());
+}
+
+// Decimal value of a piece as atoi reads it, through a work buffer of workSize bytes (at
+// most 24): only the first workSize - 1 characters of a longer piece count.
+inline int ToInt(std::string_view v, size_t workSize = 24) {
+    char work[24] = {};
+    CopyN(work, workSize < sizeof(work) ? workSize : sizeof(work), v.data(), v.size());
+    return std::atoi(work);
 }
 
 // Appends to a caller's buffer, truncating at its end; the text stays terminated.

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "comm/boundedtext.h"
 #include "comm/localdata.h"
 
 namespace {
@@ -19,18 +20,8 @@ constexpr size_t kNumberSize = 24;
 
 using std::string_view;
 
-template <size_t N>
-void CopyView(char (&dst)[N], string_view v) {
-    const size_t n = v.size() < N ? v.size() : N - 1;
-    std::memcpy(dst, v.data(), n);
-    dst[n] = '\0';
-}
-
-int ToInt(string_view v) {
-    char work[kNumberSize];
-    CopyView(work, v);
-    return std::atoi(work);
-}
+using btext::CopyView;
+using btext::ToInt;
 
 // Steps through the text after "rtsp:/": each step skips one character and looks for the
 // next "/". A direct address counts 1, each route segment one more.
@@ -82,13 +73,6 @@ void SplitDevice(string_view dev, _cammera_info* cam) {
     }
 }
 
-void ParseTime(string_view v, _PlayTime* t) {
-    char text[kTimeSize];
-    CopyView(text, v);
-    std::sscanf(text, "%d-%d-%d-%d-%d-%d", &t->nYear, &t->nMonth, &t->nDay, &t->nHour, &t->nMinute,
-                &t->nSecond);
-}
-
 // value := stream ["&" ... "ss=" session]
 void ParseLive(string_view value, _MSG_PLAY_INFO* play, int& mode) {
     const size_t amp = value.find('&');
@@ -113,8 +97,8 @@ bool ParseSpan(string_view value, _MSG_PLAY_INFO* play) {
     play->param = ToInt(value.substr(0, colon));
     const string_view times = value.substr(colon + 1);
     const size_t amp = times.find('&');
-    ParseTime(times.substr(0, amp), &play->startTime);
-    if (amp != string_view::npos) ParseTime(times.substr(amp + 1), &play->stopTime);
+    ParsePlayTime(times.substr(0, amp), kTimeSize, &play->startTime);
+    if (amp != string_view::npos) ParsePlayTime(times.substr(amp + 1), kTimeSize, &play->stopTime);
     return true;
 }
 

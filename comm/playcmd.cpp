@@ -4,36 +4,23 @@
 #include <strings.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string_view>
+
+#include "comm/boundedtext.h"
 
 namespace {
 
 // Work-buffer sizes of the parser: longer pieces are cut to fit, never overrun.
 constexpr size_t kDevicePartSize = 512;
-constexpr size_t kNumberSize = 24;
 constexpr size_t kKeySize = 48;
 constexpr size_t kFileTypeSize = 10;
 constexpr size_t kTimeSize = 64;
 
 using std::string_view;
 
-template <size_t N>
-void CopyView(char (&dst)[N], string_view v) {
-    const size_t n = v.size() < N ? v.size() : N - 1;
-    std::memcpy(dst, v.data(), n);
-    dst[n] = '\0';
-}
-
-// Decimal value of a piece, read through a bounded work buffer as atoi would.
-int ToInt(string_view v, size_t workSize = kNumberSize) {
-    char work[kNumberSize] = {0};
-    const size_t limit = workSize < sizeof(work) ? workSize : sizeof(work);
-    const size_t n = v.size() < limit ? v.size() : limit - 1;
-    std::memcpy(work, v.data(), n);
-    return std::atoi(work);
-}
+using btext::CopyView;
+using btext::ToInt;
 
 // Cuts the text before the next ':' off `rest`; false when there is none.
 bool NextField(string_view& rest, string_view& field) {
@@ -80,14 +67,6 @@ DevResult ParseDevice(string_view dev, COMMAND_INFO* cmd) {
     return DevResult::kComplete;
 }
 
-// Fields that do not match stay 0, as with sscanf.
-void ParseTime(string_view v, _PlayTime* t) {
-    char text[kTimeSize];
-    CopyView(text, v);
-    std::sscanf(text, "%d-%d-%d-%d-%d-%d", &t->nYear, &t->nMonth, &t->nDay, &t->nHour, &t->nMinute,
-                &t->nSecond);
-}
-
 // value := filetype ":" start ["&" stop]
 int ParseReplay(string_view value, bool replay, COMMAND_INFO* cmd) {
     const size_t colon = value.find(':');
@@ -95,8 +74,8 @@ int ParseReplay(string_view value, bool replay, COMMAND_INFO* cmd) {
     cmd->nFileType = ToInt(value.substr(0, colon), kFileTypeSize);
     const string_view times = value.substr(colon + 1);
     const size_t amp = times.find('&');
-    ParseTime(times.substr(0, amp), &cmd->startTime);
-    if (amp != string_view::npos) ParseTime(times.substr(amp + 1), &cmd->stopTime);
+    ParsePlayTime(times.substr(0, amp), kTimeSize, &cmd->startTime);
+    if (amp != string_view::npos) ParsePlayTime(times.substr(amp + 1), kTimeSize, &cmd->stopTime);
     // A local play keeps 255: it is not a replay through a device.
     if (replay && cmd->nPlayType == PLAYTYPE_NOROUTE) cmd->nPlayType = PLAYTYPE_REPLAY;
     cmd->bReplay = true;
@@ -146,6 +125,14 @@ int GetDevFromString(const char* text, COMMAND_INFO* cmd) {
     const char* query = std::strchr(dev, '?');
     const size_t len = query ? static_cast<size_t>(query - dev) : std::strlen(dev);
     return ParseDevice(string_view(dev, len), cmd) == DevResult::kFailed ? 0 : 1;
+}
+
+void ParsePlayTime(string_view text, size_t workSize, _PlayTime* t) {
+    if (!t) return;
+    char work[kTimeSize] = {};
+    btext::CopyN(work, workSize < sizeof(work) ? workSize : sizeof(work), text.data(), text.size());
+    std::sscanf(work, "%d-%d-%d-%d-%d-%d", &t->nYear, &t->nMonth, &t->nDay, &t->nHour, &t->nMinute,
+                &t->nSecond);
 }
 
 void ReleaseVideoParam(_msg_video_param_info* param) {

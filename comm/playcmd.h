@@ -11,6 +11,9 @@
 // Stateless; no locks.
 #pragma once
 
+#include <cstddef>
+#include <string_view>
+
 struct _PlayTime {
     int nYear;
     int nMonth;  // 1-12, as written
@@ -62,5 +65,9 @@ typedef _msg_video_param_info MSG_VIDEO_PARAM_INFO;
 int GetCommandFromString(const char* text, COMMAND_INFO* cmd);
 // Parses the device part only; the "?" query is optional and ignored.
 int GetDevFromString(const char* text, COMMAND_INFO* cmd);
+// Reads a time "year-month-day-hour-minute-second" from `text` through a work buffer of
+// workSize bytes (at most 64), so a longer text is cut; fields that do not match keep
+// their value, as with sscanf.
+void ParsePlayTime(std::string_view text, size_t workSize, _PlayTime* t);
 // Frees the parameter buffers and zeroes the record; null is ignored.
 void ReleaseVideoParam(_msg_video_param_info* param);
