@@ -1,20 +1,18 @@
 // Catalogue load and lookup figures: loads 100,000 devices and 400,000 channels with
 // LoadData and times 100,000 lookups each by id, serial and login handle.
-// Starts its own throwaway MariaDB (scripts/testdb) unless CMS_BENCH_DB_PORT names one.
+// Starts its own throwaway MariaDB (see benchdb.h) unless CMS_BENCH_DB_PORT names one.
 #include <benchmark/benchmark.h>
-#include <mysql.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <random>
-#include <sstream>
 #include <string>
 
 #include "CmsSvrDlg.h"
+#include "benchdb.h"
 #include "comm/globle.h"
 #include "comm/sysutil.h"
 #include "mysql/sqldbop.h"
@@ -25,8 +23,6 @@ constexpr int kDevices = 100000;
 constexpr int kChansPerDevice = 4;
 constexpr int kLookups = 100000;
 
-int g_port = 0;
-std::string g_dir;
 CCMSSvrDlg* g_dlg = nullptr;
 
 long PeakRssKb() {
@@ -37,62 +33,28 @@ long PeakRssKb() {
     return 0;
 }
 
-bool Run(MYSQL* c, const std::string& sql) {
-    if (mysql_real_query(c, sql.data(), sql.size()) == 0) return true;
-    std::fprintf(stderr, "bench sql failed: %s\n", mysql_error(c));
-    return false;
+std::string DeviceRow(int i) {
+    return "(" + std::to_string(i + 1) + ",'dev" + std::to_string(i) + "','SN" +
+           std::to_string(100000000 + i) + "','C" + std::to_string(i) + "',1,3,8000)";
 }
 
-std::string ReadAll(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+std::string ChannelRow(int i) {
+    return "(" + std::to_string(i + 1) + ",'ch" + std::to_string(i) + "'," +
+           std::to_string(i % kChansPerDevice + 1) + "," + std::to_string(i / kChansPerDevice + 1) +
+           ",'CH" + std::to_string(i) + "',1)";
 }
 
-// Multi-row inserts of `rows` rows, 2000 per statement.
-template <class RowFn>
-bool InsertRows(MYSQL* c, const char* head, int rows, RowFn row) {
-    std::string sql;
-    for (int i = 0; i < rows; ++i) {
-        sql += sql.empty() ? head : ",";
-        sql += row(i);
-        if ((i + 1) % 2000 == 0 || i + 1 == rows) {
-            if (!Run(c, sql)) return false;
-            sql.clear();
-        }
-    }
-    return true;
-}
-
-bool Populate() {
-    MYSQL* c = mysql_init(nullptr);
-    if (!mysql_real_connect(c, "127.0.0.1", "cms", "cms", nullptr, g_port, nullptr,
-                            CLIENT_MULTI_STATEMENTS)) {
-        std::fprintf(stderr, "bench: no database on port %d\n", g_port);
-        return false;
-    }
-    bool ok = Run(c, "DROP DATABASE IF EXISTS cmsbench; CREATE DATABASE cmsbench");
-    while (mysql_next_result(c) == 0) {}
-    ok = ok && mysql_select_db(c, "cmsbench") == 0;
-    ok = ok && Run(c, ReadAll(std::string(CMS_SOURCE_DIR) + "/db/schema.sql"));
-    while (mysql_next_result(c) == 0) {}
-    ok = ok && Run(c, "insert into region(id,name,parentid,scode) values (1,'root',0,'11')");
-    ok = ok && InsertRows(c, "insert into device(id,name,sn,scode,regionid,ftype,port) values ",
-                          kDevices, [](int i) {
-                              return "(" + std::to_string(i + 1) + ",'dev" + std::to_string(i) +
-                                     "','SN" + std::to_string(100000000 + i) + "','C" +
-                                     std::to_string(i) + "',1,3,8000)";
-                          });
-    ok = ok && InsertRows(c, "insert into devicechan(id,name,chan,devid,sn,hardwaretype) values ",
-                          kDevices * kChansPerDevice, [](int i) {
-                              return "(" + std::to_string(i + 1) + ",'ch" + std::to_string(i) +
-                                     "'," + std::to_string(i % kChansPerDevice + 1) + "," +
-                                     std::to_string(i / kChansPerDevice + 1) + ",'CH" +
-                                     std::to_string(i) + "',1)";
-                          });
-    mysql_close(c);
-    return ok;
+bool Populate(const benchdb::Database& db) {
+    benchdb::Mysql c = db.Connect(nullptr);
+    return c && benchdb::Database::CreateSchema(c.get(), "cmsbench") &&
+           benchdb::Run(c.get(),
+                        "insert into region(id,name,parentid,scode) values (1,'root',0,'11')") &&
+           benchdb::InsertRows(c.get(),
+                               "insert into device(id,name,sn,scode,regionid,ftype,port) values ",
+                               kDevices, DeviceRow) &&
+           benchdb::InsertRows(c.get(),
+                               "insert into devicechan(id,name,chan,devid,sn,hardwaretype) values ",
+                               kDevices * kChansPerDevice, ChannelRow);
 }
 
 void GiveLoginHandles();
@@ -146,45 +108,27 @@ void GiveLoginHandles() {
     for (_hcrecord_Info* d : m_arrRecordInfos) d->lLoginID = ++n;
 }
 
-bool StartDatabase() {
-    if (const char* p = std::getenv("CMS_BENCH_DB_PORT")) {
-        g_port = std::atoi(p);
-        return true;
-    }
-    g_port = 3391;
-    g_dir = "/tmp/cmsbench-db-" + std::to_string(getpid());
-    std::string cmd = std::string(CMS_SOURCE_DIR) + "/scripts/testdb start " + g_dir + " " +
-                      std::to_string(g_port);
-    return std::system(cmd.c_str()) == 0;
-}
-
-void StopDatabase() {
-    if (g_dir.empty()) return;
-    std::string cmd = std::string(CMS_SOURCE_DIR) + "/scripts/testdb stop " + g_dir + " " +
-                      std::to_string(g_port) + " && rm -rf " + g_dir;
-    if (std::system(cmd.c_str()) != 0) std::fprintf(stderr, "bench: could not stop database\n");
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
-    if (!StartDatabase()) return 1;
+    benchdb::Database db("catalog");
+    if (!db.Start()) return 1;
     std::printf("bench: populating %d devices and %d channels...\n", kDevices,
                 kDevices * kChansPerDevice);
     std::fflush(stdout);
-    bool ok = Populate();
+    bool ok = Populate(db);
     if (ok) {
         std::snprintf(m_cfgCms.szDbAddr, sizeof(m_cfgCms.szDbAddr), "127.0.0.1");
         std::snprintf(m_cfgCms.szDbName, sizeof(m_cfgCms.szDbName), "cmsbench");
         std::snprintf(m_cfgCms.szDbUser, sizeof(m_cfgCms.szDbUser), "cms");
         std::snprintf(m_cfgCms.szDbPass, sizeof(m_cfgCms.szDbPass), "cms");
-        m_cfgCms.szDbPort = g_port;
+        m_cfgCms.szDbPort = db.port();
         CCMSSvrDlg dlg;
         g_dlg = &dlg;
         benchmark::RunSpecifiedBenchmarks();
         dlg.ReleaseData();
     }
-    StopDatabase();
+    db.Stop();
     return ok ? 0 : 1;
 }

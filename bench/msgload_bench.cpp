@@ -4,16 +4,12 @@
 // persistent connection: the ceiling that a server opening a connection per row is
 // measured against.
 //
-// Starts its own throwaway MariaDB (scripts/testdb) on a free loopback port unless
-// CMS_BENCH_DB_PORT names a running one; CMS_BENCH_EVENTS sets the event count (default
-// 10,000). Everything runs on loopback and every wait is bounded.
-#include <arpa/inet.h>
+// Starts its own throwaway MariaDB (see benchdb.h) unless CMS_BENCH_DB_PORT names a
+// running one; CMS_BENCH_EVENTS sets the event count (default 10,000). Everything runs on
+// loopback and every wait is bounded.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
-#include <mysql.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,17 +21,20 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "benchdb.h"
 #include "cmsclient/cmsclient.h"
 #include "cmsclient/requests.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using benchdb::InsertRows;
+using benchdb::Mysql;
+using benchdb::Run;
 using cmsclient::CmsClient;
 using cmsclient::Reply;
 
@@ -56,8 +55,7 @@ struct Figures {
     double insertsPerSec = 0;
 };
 Figures g_fig;
-int g_dbPort = 0;
-std::string g_dbDir;  // set when this process started the database
+benchdb::Database g_db("msgload");
 std::vector<std::unique_ptr<CmsClient>> g_links;
 bool g_loggedIn = false;
 
@@ -65,45 +63,9 @@ double Seconds(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-int FreePort() {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    int port = 0;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
-        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0)
-        port = ntohs(a.sin_port);
-    close(fd);
-    return port;
-}
-
 std::string Serial(int device) { return "LD" + std::to_string(10000000 + device); }
 
 // ---- Database ----
-
-struct MysqlCloser {
-    void operator()(MYSQL* c) const { mysql_close(c); }
-};
-using Mysql = std::unique_ptr<MYSQL, MysqlCloser>;
-
-Mysql ConnectDb(const char* db) {
-    Mysql c(mysql_init(nullptr));
-    if (c && mysql_real_connect(c.get(), "127.0.0.1", "cms", "cms", db, g_dbPort, nullptr,
-                                CLIENT_MULTI_STATEMENTS))
-        return c;
-    std::fprintf(stderr, "msgload: no database on port %d\n", g_dbPort);
-    return nullptr;
-}
-
-bool Run(MYSQL* c, const std::string& sql) {
-    bool ok = mysql_real_query(c, sql.data(), sql.size()) == 0;
-    if (!ok) std::fprintf(stderr, "msgload: sql failed: %s\n", mysql_error(c));
-    while (mysql_next_result(c) == 0) {
-    }
-    return ok;
-}
 
 long long Count(MYSQL* c, const char* table) {
     std::string sql = std::string("select count(*) from ") + table;
@@ -113,62 +75,25 @@ long long Count(MYSQL* c, const char* table) {
     return row && row[0] ? std::atoll(row[0]) : -1;
 }
 
-// Multi-row inserts, 2000 rows per statement.
-template <class RowFn>
-bool InsertRows(MYSQL* c, const char* head, int rows, RowFn row) {
-    std::string sql;
-    for (int i = 0; i < rows; ++i) {
-        sql += sql.empty() ? head : ",";
-        sql += row(i);
-        if ((i + 1) % 2000 == 0 || i + 1 == rows) {
-            if (!Run(c, sql)) return false;
-            sql.clear();
-        }
-    }
-    return true;
+std::string DeviceRow(int i) {
+    return "(" + std::to_string(i + 1) + ",'dev" + std::to_string(i) + "','" + Serial(i) +
+           "',1,1,8000)";
+}
+
+std::string ChannelRow(int i) {
+    return "(" + std::to_string(i + 1) + "," + std::to_string(i + 1) + ",1,'ch" +
+           std::to_string(i) + "',1)";
 }
 
 // The schema and 10,000 devices, each with video channel 1.
 bool Populate() {
-    Mysql c = ConnectDb(nullptr);
-    if (!c) return false;
-    std::ifstream schemaFile(std::string(CMS_SOURCE_DIR) + "/db/schema.sql");
-    std::stringstream schema;
-    schema << schemaFile.rdbuf();
-    return Run(c.get(), std::string("DROP DATABASE IF EXISTS ") + kDbName + "; CREATE DATABASE " +
-                            kDbName) &&
-           mysql_select_db(c.get(), kDbName) == 0 && Run(c.get(), schema.str()) &&
+    Mysql c = g_db.Connect(nullptr);
+    return c && benchdb::Database::CreateSchema(c.get(), kDbName) &&
            Run(c.get(), "insert into region(id,name,parentid) values (1,'root',0)") &&
            InsertRows(c.get(), "insert into device(id,name,sn,regionid,ftype,port) values ",
-                      kDevices,
-                      [](int i) {
-                          return "(" + std::to_string(i + 1) + ",'dev" + std::to_string(i) + "','" +
-                                 Serial(i) + "',1,1,8000)";
-                      }) &&
+                      kDevices, DeviceRow) &&
            InsertRows(c.get(), "insert into devicechan(id,devid,chan,name,hardwaretype) values ",
-                      kDevices, [](int i) {
-                          return "(" + std::to_string(i + 1) + "," + std::to_string(i + 1) +
-                                 ",1,'ch" + std::to_string(i) + "',1)";
-                      });
-}
-
-bool StartDatabase() {
-    if (const char* p = std::getenv("CMS_BENCH_DB_PORT")) {
-        g_dbPort = std::atoi(p);
-        return true;
-    }
-    g_dbPort = FreePort();
-    g_dbDir = "/tmp/cmsbench-msgload-" + std::to_string(getpid());
-    std::string cmd = std::string(CMS_SOURCE_DIR) + "/scripts/testdb start " + g_dbDir + " " +
-                      std::to_string(g_dbPort);
-    return g_dbPort > 0 && std::system(cmd.c_str()) == 0;
-}
-
-void StopDatabase() {
-    if (g_dbDir.empty()) return;
-    std::string cmd = std::string(CMS_SOURCE_DIR) + "/scripts/testdb stop " + g_dbDir + " " +
-                      std::to_string(g_dbPort) + " && rm -rf " + g_dbDir;
-    if (std::system(cmd.c_str()) != 0) std::fprintf(stderr, "msgload: could not stop database\n");
+                      kDevices, ChannelRow);
 }
 
 // ---- The server ----
@@ -201,13 +126,13 @@ private:
 };
 
 bool Server::Start() {
-    if (m_dir.empty() || (m_port = FreePort()) <= 0) return false;
+    if (m_dir.empty() || (m_port = benchdb::FreePort()) <= 0) return false;
     std::filesystem::create_directories(m_dir + "/config");
     std::ofstream(m_dir + "/config/cmslocal.xml")
         << "<cfg>\n  <port>" << m_port << "</port>\n  <sn>34020000002000000001</sn>\n</cfg>\n";
     std::ofstream(m_dir + "/config/cmsparam.xml")
         << "<cfg>\n<db>\n  <name>" << kDbName << "</name>\n  <ip>127.0.0.1</ip>\n  <port>"
-        << g_dbPort << "</port>\n  <user>cms</user>\n  <pass>cms</pass>\n  <local>0</local>\n"
+        << g_db.port() << "</port>\n  <user>cms</user>\n  <pass>cms</pass>\n  <local>0</local>\n"
         << "</db>\n</cfg>\n";
     const std::string bin = std::string(CMS_BINARY_DIR) + "/cmssvr";
     const std::string out = m_dir + "/out.log";
@@ -229,10 +154,7 @@ bool Server::Start() {
 bool Server::WaitForOutput(const char* text, int timeoutMs) const {
     auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
     while (Clock::now() < end) {
-        std::ifstream in(m_dir + "/out.log");
-        std::stringstream ss;
-        ss << in.rdbuf();
-        if (ss.str().find(text) != std::string::npos) return true;
+        if (benchdb::ReadAll(m_dir + "/out.log").find(text) != std::string::npos) return true;
         if (waitpid(m_pid, nullptr, WNOHANG) == m_pid) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
@@ -349,7 +271,7 @@ int EventCount() {
 
 void BM_Events(benchmark::State& state) {
     if (!g_loggedIn) return state.SkipWithError("needs BM_Logins first");
-    Mysql db = ConnectDb(kDbName);
+    Mysql db = g_db.Connect(kDbName);
     if (!db) return state.SkipWithError("no database");
     for (auto _ : state) {
         const int perLink = EventCount() / kConnections;
@@ -372,7 +294,7 @@ BENCHMARK(BM_Events)->Iterations(1)->UseManualTime()->Unit(benchmark::kMilliseco
 
 // The same statement the server writes for an alarm, over one connection kept open.
 void BM_InsertCeiling(benchmark::State& state) {
-    Mysql db = ConnectDb(kDbName);
+    Mysql db = g_db.Connect(kDbName);
     if (!db) return state.SkipWithError("no database");
     for (auto _ : state) {
         auto start = Clock::now();
@@ -414,7 +336,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "msgload: build the cmssvr target first\n");
         return 1;
     }
-    if (!StartDatabase()) return 1;
+    if (!g_db.Start()) return 1;
     std::printf("msgload: populating %d devices with one channel each...\n", kDevices);
     std::fflush(stdout);
     bool ok = Populate();
@@ -430,6 +352,6 @@ int main(int argc, char** argv) {
         server.Stop();
         g_server = nullptr;
     }
-    StopDatabase();
+    g_db.Stop();
     return ok ? 0 : 1;
 }
