@@ -116,6 +116,31 @@ bool RegionOfRegistrationServer(const _dev_register& reg, int& region) {
     return true;
 }
 
+using RegionFinder = bool (*)(const _dev_register& reg, int& region);
+
+// Where a node's address starts: the route path of its region, or, for a node registered
+// with a media server, of the region `regionOf` finds for that registration.
+struct Route {
+    char path[kRouteSize];
+    bool registered;
+};
+
+// `serial` and `region` are the node's own. A registered device record passed as `clear`
+// is cleared first (the caller holds the write lock then). False when a registration's
+// region cannot be found.
+template <size_t N>
+bool FindRoute(const char (&serial)[N], int region, RegionFinder regionOf, Route& route,
+               _msg_recorddevice_base* clear = nullptr) {
+    const _dev_register* reg = RegistrationOf(serial);
+    route.registered = reg != nullptr;
+    if (reg) {
+        if (clear) ClearRegisteredDevice(*clear);
+        if (!regionOf(*reg, region)) return false;
+    }
+    RouteOf(region, route.path);
+    return true;
+}
+
 // Form of a device in a cascaded domain: the root media server, then the domain.
 int WriteDomainPlayUrl(btext::Writer& w, int domainId, std::string_view serial) {
     const _domain_info* dom = GetDomainInfoByID(m_arrDomainFromDB, domainId);
@@ -139,12 +164,9 @@ int PlayUrlOfServerChan(int nodeid, btext::Writer& w) {
     CatalogReadLock lock(csCatalog);
     const _sysserver_info* s = GetSystemSvrByID(chan.nDevID, m_arrServerFromDB);
     if (!s) return 0;
-    const _dev_register* reg = RegistrationOf(s->svr.szSerial);
-    int region = s->svr.nRegionID;
-    if (reg && !RegionOfRegistration(*reg, region)) return 0;
-    char route[kRouteSize];
-    RouteOf(region, route);
-    WritePlayUrl(w, route, ConnOf(s->svr), reg != nullptr, View(chan.szCode), chan.nChan);
+    Route r;
+    if (!FindRoute(s->svr.szSerial, s->svr.nRegionID, RegionOfRegistration, r)) return 0;
+    WritePlayUrl(w, r.path, ConnOf(s->svr), r.registered, View(chan.szCode), chan.nChan);
     return 1;
 }
 
@@ -154,16 +176,11 @@ int PlayUrlOfDevice(int nodeid, btext::Writer& w) {
     if (!d) return 0;
     if (d->dev.nDomainID >= 1)
         return WriteDomainPlayUrl(w, d->dev.nDomainID, View(d->dev.szSerial));
-    const _dev_register* reg = RegistrationOf(d->dev.szSerial);
-    int region = d->dev.nRegionID;
-    if (reg) {
-        ClearRegisteredDevice(d->dev);
-        if (!RegionOfRegistrationServer(*reg, region)) return 0;
-    }
-    char route[kRouteSize];
-    RouteOf(region, route);
-    const int chan = d->dev.nServerType == 0 ? 1 : 0;
-    WritePlayUrl(w, route, ConnOf(d->dev), reg != nullptr, {}, chan);
+    Route r;
+    if (!FindRoute(d->dev.szSerial, d->dev.nRegionID, RegionOfRegistrationServer, r, &d->dev))
+        return 0;
+    const int chan = d->dev.nServerType == 0 ? 1 : 0;  // read after a registered one is cleared
+    WritePlayUrl(w, r.path, ConnOf(d->dev), r.registered, {}, chan);
     return 1;
 }
 
@@ -173,12 +190,9 @@ int PlayUrlOfChannel(int nodeid, btext::Writer& w) {
     const _hcrecord_Info* d = v ? GetDeviceInfoByID(m_arrRecordInfos, v->nDeviceID) : nullptr;
     if (!d) return 0;
     if (d->dev.nDomainID >= 1) return WriteDomainPlayUrl(w, d->dev.nDomainID, View(v->szSerial));
-    const _dev_register* reg = RegistrationOf(d->dev.szSerial);
-    int region = d->dev.nRegionID;
-    if (reg && !RegionOfRegistrationServer(*reg, region)) return 0;
-    char route[kRouteSize];
-    RouteOf(region, route);
-    WritePlayUrl(w, route, ConnOf(d->dev), reg != nullptr, View(v->szSerial), v->nChan);
+    Route r;
+    if (!FindRoute(d->dev.szSerial, d->dev.nRegionID, RegionOfRegistrationServer, r)) return 0;
+    WritePlayUrl(w, r.path, ConnOf(d->dev), r.registered, View(v->szSerial), v->nChan);
     return 1;
 }
 
@@ -188,12 +202,9 @@ int ConfigUrlOfServerId(int serverId, btext::Writer& w) {
     CatalogReadLock lock(csCatalog);
     const _sysserver_info* s = GetSystemSvrByID(serverId, m_arrServerFromDB);
     if (!s) return 0;
-    const _dev_register* reg = RegistrationOf(s->svr.szSerial);
-    int region = s->svr.nRegionID;
-    if (reg && !RegionOfRegistration(*reg, region)) return 0;
-    char route[kRouteSize];
-    RouteOf(region, route);
-    WriteConfigUrl(w, "rtsp:/", route, ConnOf(s->svr), reg != nullptr);
+    Route r;
+    if (!FindRoute(s->svr.szSerial, s->svr.nRegionID, RegionOfRegistration, r)) return 0;
+    WriteConfigUrl(w, "rtsp:/", r.path, ConnOf(s->svr), r.registered);
     return 1;
 }
 
@@ -208,15 +219,9 @@ int ConfigUrlOfServerChan(int nodeid, btext::Writer& w) {
 // Shared by devices and channels; the caller holds the write lock.
 int ConfigUrlOfDeviceRecord(_hcrecord_Info* d, const char* regPrefix, btext::Writer& w) {
     if (!d) return 0;
-    const _dev_register* reg = RegistrationOf(d->dev.szSerial);
-    int region = d->dev.nRegionID;
-    if (reg) {
-        ClearRegisteredDevice(d->dev);
-        if (!RegionOfRegistration(*reg, region)) return 0;
-    }
-    char route[kRouteSize];
-    RouteOf(region, route);
-    WriteConfigUrl(w, regPrefix, route, ConnOf(d->dev), reg != nullptr);
+    Route r;
+    if (!FindRoute(d->dev.szSerial, d->dev.nRegionID, RegionOfRegistration, r, &d->dev)) return 0;
+    WriteConfigUrl(w, regPrefix, r.path, ConnOf(d->dev), r.registered);
     return 1;
 }
 
