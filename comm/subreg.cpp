@@ -9,6 +9,7 @@
 #include <string>
 
 #include "RUSKNetSDK.h"
+#include "comm/boundedtext.h"
 #include "comm/globle.h"
 #include "comm/mystring.h"
 #include "mysql/eventwriter.h"
@@ -36,22 +37,16 @@ Cut CutElement(const char* text, const char* open, const char* close, char* out,
     return Cut::kFound;
 }
 
-void CopyText(char* out, size_t outSize, const char* in, size_t n) {
-    if (n > outSize - 1) n = outSize - 1;
-    std::memcpy(out, in, n);
-    out[n] = '\0';
-}
-
 // "serial:ip", or the whole text as the serial when there is no ':'.
 _dev_register* MediaRecordFromElement(const char* element) {
     auto* reg = new _dev_register{};
     const char* colon = std::strchr(element, ':');
     if (!colon) {
-        CopyText(reg->serial, sizeof(reg->serial), element, std::strlen(element));
+        btext::CopyN(reg->serial, sizeof(reg->serial), element, std::strlen(element));
         return reg;
     }
-    CopyText(reg->serial, sizeof(reg->serial), element, static_cast<size_t>(colon - element));
-    CopyText(reg->ip, sizeof(reg->ip), colon + 1, std::strlen(colon + 1));
+    btext::CopyN(reg->serial, sizeof(reg->serial), element, static_cast<size_t>(colon - element));
+    btext::CopyN(reg->ip, sizeof(reg->ip), colon + 1, std::strlen(colon + 1));
     return reg;
 }
 
@@ -74,6 +69,37 @@ int FetchList(const char* baseUrl, const char* command, std::unique_ptr<char[]>&
     std::string url = std::string(baseUrl) + "/xconfig?cmd=" + command;
     int length = SUBREG_REPLY_SIZE - 1;  // the last byte stays the terminator
     return RUSK_TRANSCOMMAND(url.c_str(), kTransCommandConfig, nullptr, 0, reply.get(), &length);
+}
+
+// Appends `make(element, at)` for every complete element, `at` being the read position.
+// The position advances by `step` bytes only, not past the element: that is how these
+// lists have always been read, so an element further ahead is read again.
+template <class Make>
+int ParseElements(const char* reply, const char* open, const char* close, size_t step,
+                  std::vector<_dev_register*>& list, Make make) {
+    if (!reply) return 0;
+    const size_t length = std::strlen(reply);
+    int count = 0;
+    for (size_t pos = 0; pos < length; pos += step) {
+        char element[kElementSize] = {};
+        Cut cut = CutElement(reply + pos, open, close, element, sizeof(element));
+        if (cut == Cut::kMissing) break;
+        if (cut == Cut::kRefused) continue;
+        list.push_back(make(element, reply + pos));
+        ++count;
+    }
+    return count;
+}
+
+using ListParser = int (*)(const char* reply, std::vector<_dev_register*>& list);
+
+// 1 once a record was appended, else the request's own result.
+int FetchRegistrations(const char* baseUrl, const char* command, ListParser parse,
+                       std::vector<_dev_register*>& list) {
+    std::unique_ptr<char[]> reply;
+    int result = FetchList(baseUrl, command, reply);
+    if (!result) return result;
+    return parse(reply.get(), list) > 0 ? 1 : result;
 }
 
 template <class F>
@@ -189,47 +215,22 @@ int KeepRegistration(const _sysserver_info* server, _dev_register* reg, const Su
 }  // namespace
 
 int ParasMediaRegistor(const char* reply, std::vector<_dev_register*>& list) {
-    if (!reply) return 0;
-    const size_t length = std::strlen(reply);
-    int count = 0;
-    for (size_t pos = 0; pos < length; pos += 6) {
-        char element[kElementSize] = {};
-        Cut cut = CutElement(reply + pos, "<dev>", "</dev>", element, sizeof(element));
-        if (cut == Cut::kMissing) break;
-        if (cut == Cut::kRefused) continue;
-        list.push_back(MediaRecordFromElement(element));
-        ++count;
-    }
-    return count;
+    return ParseElements(reply, "<dev>", "</dev>", 6, list, [](const char* element, const char*) {
+        return MediaRecordFromElement(element);
+    });
 }
 
 int ParasDomainRegistor(const char* reply, std::vector<_dev_register*>& list) {
-    if (!reply) return 0;
-    const size_t length = std::strlen(reply);
-    int count = 0;
-    for (size_t pos = 0; pos < length; pos += 9) {
-        char element[kElementSize] = {};
-        Cut cut = CutElement(reply + pos, "<domain>", "</domain>", element, sizeof(element));
-        if (cut == Cut::kMissing) break;
-        if (cut == Cut::kRefused) continue;
-        list.push_back(DomainRecordAt(reply + pos));
-        ++count;
-    }
-    return count;
+    return ParseElements(reply, "<domain>", "</domain>", 9, list,
+                         [](const char*, const char* at) { return DomainRecordAt(at); });
 }
 
 int GetMediaRegistor(const char* baseUrl, std::vector<_dev_register*>& list) {
-    std::unique_ptr<char[]> reply;
-    int result = FetchList(baseUrl, "getregister", reply);
-    if (!result) return result;
-    return ParasMediaRegistor(reply.get(), list) > 0 ? 1 : result;
+    return FetchRegistrations(baseUrl, "getregister", ParasMediaRegistor, list);
 }
 
 int GetDomainRegistor(const char* baseUrl, std::vector<_dev_register*>& list) {
-    std::unique_ptr<char[]> reply;
-    int result = FetchList(baseUrl, "getdomain", reply);
-    if (!result) return result;
-    return ParasDomainRegistor(reply.get(), list) > 0 ? 1 : result;
+    return FetchRegistrations(baseUrl, "getdomain", ParasDomainRegistor, list);
 }
 
 int ProcessSubDev(_sysserver_info* server, _dev_register* reg) {
