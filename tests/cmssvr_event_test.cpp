@@ -11,6 +11,7 @@
 #include "comm/msgdefine.h"
 #include "comm/sysutil.h"
 #include "mysql/sqldbop.h"
+#include "support/catalogbuilder.h"
 #include "support/daemon.h"
 #include "support/testdb.h"
 
@@ -55,34 +56,15 @@ protected:
             a->mode = std::string(area) == "face" ? 1 : 0;
             m_arrFilePath.push_back(a);
         }
-        auto* dev = new _hcrecord_Info{};
-        dev->dev.nID = 100;
+        _hcrecord_Info* dev = catalog.Device(100, 0, "DEV-100", "", 0);
         dev->dev.nStatus = 0x5;
-        std::snprintf(dev->dev.szSerial, sizeof dev->dev.szSerial, "DEV-100");
         dev->lLoginID = kDevLogin;
-        auto* svr = new _sysserver_info{};
-        svr->svr.nID = 200;
+        _sysserver_info* svr = catalog.Server(200, 0, 0, "", "", 0);
         svr->nMode = 1;
         svr->lLoginID = kSvrLogin;
-        CatalogWriteLock lock(csCatalog);
-        m_arrRecordInfos.push_back(dev);
-        m_arrServerFromDB.push_back(svr);
         // Channel 3 of device 100 with hardware type 2 comes first; it must not be chosen.
-        for (int type : {2, 1}) {
-            auto* c = new _msg_video_record_base{};
-            c->nID = 301 - type;  // 299, then 300
-            c->nDeviceID = 100;
-            c->nChan = 3;
-            c->nType = type;
-            m_arrVideoChanInfos.push_back(c);
-        }
-    }
-    void TearDown() override {
-        dlg.reset();
-        CatalogWriteLock lock(csCatalog);
-        ReleaseArray(m_arrRecordInfos);
-        ReleaseArray(m_arrVideoChanInfos);
-        ReleaseArray(m_arrServerFromDB);
+        catalog.Channel(299, 100, 3)->nType = 2;
+        catalog.Channel(300, 100, 3);
     }
 
     void Send(int login, int mode, const Bytes& b, int length = -1) {
@@ -109,6 +91,7 @@ protected:
 
     cmstest::TestDatabase db;
     cmstest::TempDir store;
+    cmstest::CatalogBuilder catalog;  // outlives dlg
     std::unique_ptr<CCMSSvrDlg> dlg;
 };
 

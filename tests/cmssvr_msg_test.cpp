@@ -4,7 +4,9 @@
 #include <cstring>
 #include <memory>
 #include <random>
+#include <string>
 #include <thread>
+#include <utility>
 
 #include "cmsclient/cmsclient.h"
 #include "comm/msgdefine.h"
@@ -103,36 +105,30 @@ protected:
     int port = 0;
 };
 
-TEST_F(MessageServer, DeviceLoginClearsTheOfflineFlagOnceAndLogsOut) {
+TEST_F(MessageServer, LoginsOfEveryKindAndTheirLogouts) {
     auto dev = Open();
     ExpectLogin(*dev, "DEV10", 0);
     ExpectLogin(*dev, "DEV10", 0);  // already on line: nothing more is written
     EXPECT_EQ(db.Scalar("select status from device where id=10"), "1");
-    EXPECT_EQ(db.Count("devrunlog",
-                       "nodeid=10 and nodetype=2 and eventtype=2 and "
-                       "descript='设备上线'"),
-              1);
+    EXPECT_EQ(
+        db.Count("devrunlog", "nodeid=10 and nodetype=2 and eventtype=2 and descript='设备上线'"),
+        1);
     EXPECT_EQ(daemon->CountOf("dev gate regist\n"), 2);
     dev->Close();
     EXPECT_TRUE(daemon->WaitFor("dev :DEV10 logout\n", 5s)) << daemon->Output();
-}
 
-TEST_F(MessageServer, LoginOfEveryKindAndOfUnknownSerials) {
     auto c = Open();
-    ExpectLogin(*c, "SVR20", 0);
-    ExpectLogin(*c, "DOMSN", 0);
-    ExpectLogin(*c, "", 1);
-    ExpectLogin(*c, "NOPE", 1);
+    for (const char* serial : {"SVR20", "DOMSN"}) ExpectLogin(*c, serial, 0);
+    for (const char* serial : {"", "NOPE"}) ExpectLogin(*c, serial, 1);
     ASSERT_TRUE(db.Exec("insert into device(id,name,sn) values (12,'late','LATE12')"));
     ExpectLogin(*c, "LATE12", 0);
     // A 100-byte serial and a type without a handler get no answer; the connection stays.
     ASSERT_TRUE(c->Send(Head(CMS_MSG_LOGIN), std::string(100, 'A')));
     ASSERT_TRUE(c->Send(Head(CMS_MSG_MESSAGE), std::string("hello")));
     ExpectLogin(*c, "DEV13", 0);
-    EXPECT_TRUE(Printed("server 127.0.0.1 regist\n"));
-    EXPECT_TRUE(Printed("domain " + kDomain + " regist\n"));
-    EXPECT_TRUE(Printed("\n notfind \n") && Printed("NOPE notfind \n"));
-    EXPECT_TRUE(Printed("dev late regist\n"));
+    const std::string lines[] = {"server 127.0.0.1 regist\n", "domain " + kDomain + " regist\n",
+                                 "\n notfind \n", "NOPE notfind \n", "dev late regist\n"};
+    for (const std::string& line : lines) EXPECT_TRUE(Printed(line)) << line;
     // The first of domain, server, device logged in on the connection is logged out.
     c->Close();
     EXPECT_TRUE(daemon->WaitFor("domain :" + kDomain + " logout\n", 5s));
@@ -155,30 +151,31 @@ TEST_F(MessageServer, PushedNodesBuildRegionsDevicesAndChannels) {
         ASSERT_TRUE(c->Send(Head(CMS_MSG_PUSH_DATA), rec));
     ExpectLogin(*c, "DEV13", 0);
 
-    auto q = [&](const std::string& sql) { return db.Scalar(sql); };
-    std::string r11 = q("select id from region where scode='11'");
-    EXPECT_EQ(q("select concat(parentid,usecode,domainid,name) from region where id=" + r11),
-              "111测试");
-    EXPECT_EQ(q("select parentid from region where scode='1101'"), r11);
+    const std::string r11 = db.Scalar("select id from region where scode='11'");
     // Parents that are not known go under one "非标区域", created on first need.
-    std::string other = q("select id from region where regtype=255 and name='非标区域'");
-    EXPECT_EQ(db.Count("region", "regtype=255"), 1);
-    EXPECT_EQ(q("select count(*) from region where scode in ('1201','1301') and parentid=" + other),
-              "2");
-    std::string org = q("select id from region where scode='34020000002160000001'");
-    EXPECT_EQ(q("select parentid from region where id=" + org), other);
-    EXPECT_EQ(q("select concat(regionid,',',status,',',ftype) from device where "
-                "sn='34020000001320000001'"),
-              org + ",65536,3");
-    EXPECT_EQ(q("select concat(devid,',',status,',',domainid) from devicechan where "
-                "sn='34020000001310000002'"),
-              "0,65536,1");
-    EXPECT_EQ(db.Count("region", "scode='" + kDomain + "'"), 0);
-    EXPECT_EQ(q("select devid from devicechan where sn='CH31'"), "10");
-    EXPECT_EQ(q("select concat(count(*),regionid,ftype,name) from device where sn='REGDEV1'"),
-              "113REGDEV1");
-    EXPECT_EQ(db.Count("region", "regtype=254 and name='注册区域'"), 1);
-    EXPECT_EQ(db.Count("devrunlog", "nodeid=1 and nodetype=10 and descript='设备上线'"), 1);
+    const std::string other =
+        db.Scalar("select id from region where regtype=255 and name='非标区域'");
+    const std::string org = db.Scalar("select id from region where scode='34020000002160000001'");
+    const std::pair<std::string, std::string> expected[] = {
+        {"select concat(parentid,usecode,domainid,name) from region where id=" + r11, "111测试"},
+        {"select parentid from region where scode='1101'", r11},
+        {"select count(*) from region where regtype=255", "1"},
+        {"select count(*) from region where scode in ('1201','1301') and parentid=" + other, "2"},
+        {"select parentid from region where id=" + org, other},
+        {"select concat(regionid,',',status,',',ftype) from device where sn='34020000001320000001'",
+         org + ",65536,3"},
+        {"select concat(devid,',',status,',',domainid) from devicechan where "
+         "sn='34020000001310000002'",
+         "0,65536,1"},
+        {"select count(*) from region where scode='" + kDomain + "'", "0"},
+        {"select devid from devicechan where sn='CH31'", "10"},
+        {"select concat(count(*),regionid,ftype,name) from device where sn='REGDEV1'",
+         "113REGDEV1"},
+        {"select count(*) from region where regtype=254 and name='注册区域'", "1"},
+        {"select count(*) from devrunlog where nodeid=1 and nodetype=10 and descript='设备上线'",
+         "1"},
+    };
+    for (const auto& row : expected) EXPECT_EQ(db.Scalar(row.first), row.second) << row.first;
 }
 
 TEST_F(MessageServer, NodeListQueriesKeepTheConnection) {
@@ -198,35 +195,12 @@ TEST_F(MessageServer, NodeListQueriesKeepTheConnection) {
     EXPECT_EQ(ask(DATA_CAMERA, kDomain).state, 1);
 }
 
-TEST_F(MessageServer, FilesAreWrittenReadAndDeleted) {
-    EXPECT_EQ(OneShot(Head(CMS_MSG_WRITEFILE, 1, 0, 77), "picture").state, 0);
-    Reply g = OneShot(Head(CMS_MSG_GETFILE, 1, 0, 77), "");
-    ASSERT_EQ(g.data.size(), 64u + 7);
-    EXPECT_EQ(std::string(g.data.begin() + 64, g.data.end()), "picture");
-    EXPECT_EQ(OneShot(Head(CMS_MSG_DELETEFILE, 1, 0, 77), "").state, 0);
-    Reply missing = OneShot(Head(CMS_MSG_GETFILE, 1, 0, 77), "");
-    EXPECT_FALSE(missing.IsState());
-    EXPECT_EQ(missing.data, (std::vector<uint8_t>{1, 0, 0, 0}));
-}
+// Statements and addresses that succeed are checked end to end by the cmsctl tests; here
+// the refusals.
+TEST_F(MessageServer, RefusedStatementsAndAddressesAnswerStateOne) {
+    for (const char* text : {"delete from nosuchtable", ""})
+        EXPECT_EQ(OneShot(Head(CMS_MSG_SQLOPERATION_EX, DATADEL), text).state, 1) << text;
 
-TEST_F(MessageServer, DatabaseOperations) {
-    Reply add = OneShot(Head(CMS_MSG_SQLOPERATION_EX, DATAADD),
-                        "insert into region(name,parentid) values ('added',1)");
-    EXPECT_EQ(std::to_string(add.state), db.Scalar("select id from region where name='added'"));
-    Reply rows = OneShot(Head(CMS_MSG_SQLOPERATION_EX, DATAQUERYMYSELF),
-                         "select id,name from region where id=1&id,name,");
-    EXPECT_EQ(std::string(rows.data.begin(), rows.data.end()),
-              "<data><tb>id,name,</tb><vs><v>1,root,</v></vs></data>");
-    EXPECT_EQ(OneShot(Head(CMS_MSG_SQLOPERATION_EX, DATAMODIFY),
-                      "update region set name='renamed' where id=1")
-                  .state,
-              0);
-    EXPECT_EQ(db.Scalar("select name from region where id=1"), "renamed");
-    EXPECT_EQ(OneShot(Head(CMS_MSG_SQLOPERATION_EX, DATADEL), "delete from nosuchtable").state, 1);
-    EXPECT_EQ(OneShot(Head(CMS_MSG_SQLOPERATION_EX, DATADEL), "").state, 1);
-}
-
-TEST_F(MessageServer, PlayAddressRequests) {
     _msg_url_req req{};
     req.nodeid = 9999;
     req.nodtype = 2;
@@ -237,12 +211,6 @@ TEST_F(MessageServer, PlayAddressRequests) {
     EXPECT_TRUE(r.IsState() && r.state == 1);
     EXPECT_TRUE(c->WaitClosed(5000));
     EXPECT_EQ(OneShot(Head(CMS_MSG_GET_URL, 2), Bytes(req)).state, 1);
-
-    req.nodeid = 30;
-    req.nodtype = 3;
-    Reply link = OneShot(Head(CMS_MSG_GET_URL), Bytes(req));
-    ASSERT_EQ(link.data.size(), 364u);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(&link.data[64]), 6), "rtsp:/");
 }
 
 TEST_F(MessageServer, RegistrationsFromLoggedInServersOnly) {

@@ -72,26 +72,22 @@ TEST(FrameDecoder, PartialMeansBytesOfAnUnfinishedFrame) {
     }
 }
 
-TEST(FrameDecoder, LengthsAtAndOverTheLimit) {
-    FrameDecoder decoder(100);
-    Bytes atLimit = Frame(std::string(100, 'a'));
-    EXPECT_EQ(Decode(decoder, atLimit, {}).size(), 1u);
-
+TEST(FrameDecoder, OverlongOrCorruptedLengthsBreakTheStream) {
+    FrameDecoder limited(100);
+    EXPECT_EQ(Decode(limited, Frame(std::string(100, 'a')), {}).size(), 1u);
     // One over the limit breaks the stream as soon as the four length bytes are in, and
     // what follows (even a valid frame) is never handed on.
     Bytes over = Concat({Frame(std::string(101, 'b')), Frame("after")});
-    EXPECT_TRUE(Decode(decoder, over, {4}).empty());
-    EXPECT_TRUE(decoder.Broken());
-    EXPECT_EQ(decoder.RefusedLength(), 101u);
+    EXPECT_TRUE(Decode(limited, over, {4}).empty());
+    EXPECT_TRUE(limited.Broken());
+    EXPECT_EQ(limited.RefusedLength(), 101u);
     Bytes body;
-    EXPECT_EQ(decoder.Next(body), FrameDecoder::Status::kTooLarge);
-    EXPECT_FALSE(decoder.HasPartial());
-}
+    EXPECT_EQ(limited.Next(body), FrameDecoder::Status::kTooLarge);
+    EXPECT_FALSE(limited.HasPartial());
 
-TEST(FrameDecoder, CorruptedLengthBytesAreRefused) {
-    Bytes stream = ValidStream();
     // The high byte, then all of the length of the second frame are damaged; frames
     // before the damage still come out.
+    const Bytes stream = ValidStream();
     size_t second = vorn::kFrameLengthBytes + kBodies[0].size();
     for (uint32_t damage : {0x02000000u, 0xFFFFFFFFu, vorn::kMaxFrameLength + 1}) {
         Bytes bad = stream;
@@ -102,43 +98,30 @@ TEST(FrameDecoder, CorruptedLengthBytesAreRefused) {
     }
 }
 
-TEST(ReplyEncoding, StateAndDataFramesHaveTheResultHeader) {
+TEST(MessageCodec, EncodesRepliesDeliversMessagesAndReportsABrokenStream) {
     vorn::MessageCodec codec;
-    Bytes state;
+    Bytes state, data, empty, refused;
     ASSERT_TRUE(codec.EncodeState(0x01020304, state));
     EXPECT_EQ(state, (Bytes{16, 0, 0, 0, 17, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 4, 3, 2, 1}));
-
-    Bytes data;
     const uint8_t payload[] = {0xAA, 0xBB, 0xCC};
     ASSERT_TRUE(codec.EncodeData(payload, sizeof payload, data));
     EXPECT_EQ(data, (Bytes{15, 0, 0, 0, 17, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xAA, 0xBB, 0xCC}));
-
-    Bytes empty;
     ASSERT_TRUE(codec.EncodeData(nullptr, 0, empty));
     EXPECT_EQ(empty.size(), 16u);
-
     // A body that would not fit a frame is refused, not truncated.
     Bytes huge(vorn::kMaxFrameLength - vorn::kMsgHeadSize + 1);
-    Bytes out;
-    EXPECT_FALSE(codec.EncodeData(huge.data(), huge.size(), out));
-    EXPECT_TRUE(out.empty());
-}
+    EXPECT_FALSE(codec.EncodeData(huge.data(), huge.size(), refused));
+    EXPECT_TRUE(refused.empty());
 
-TEST(MessageCodec, DeliversMessagesAndReportsABrokenStream) {
-    vorn::MessageCodec codec;
     std::vector<std::string> got;
     auto sink = [&](Bytes&& message) { got.emplace_back(message.begin(), message.end()); };
     Bytes stream = ValidStream();
     ASSERT_TRUE(codec.Consume(stream.data(), stream.size(), sink));
     EXPECT_EQ(got, kBodies);
-
     uint8_t oversize[4];
     vorn::PutLe32(oversize, vorn::kMaxFrameLength + 1);
     EXPECT_FALSE(codec.Consume(oversize, sizeof oversize, sink));
     EXPECT_NE(codec.Error().find("exceeds the limit"), std::string::npos);
-
-    EXPECT_NE(vorn::FindCodec(0), nullptr);
-    EXPECT_EQ(vorn::FindCodec(254), nullptr);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <future>
 #include <map>
 #include <mutex>
 #include <set>
@@ -36,15 +37,13 @@ struct Recorder {
     std::map<int, std::vector<std::string>> messages;  // payloads after the header
     std::map<int, int> disconnects;
     std::set<int> busy;  // clients whose callback is running
-    int overlaps = 0;
-    int afterDisconnect = 0;
+    int overlaps = 0, afterDisconnect = 0, disconnected = 0;
     // Optional reply made inside the callback, with the lock not held.
     std::function<void(int, const std::string&)> onMessage;
 
     static void Callback(int clientId, unsigned char* data, int length, void* user) {
         static_cast<Recorder*>(user)->Handle(clientId, data, length);
     }
-
     void Handle(int clientId, unsigned char* data, int length) {
         {
             std::lock_guard<std::mutex> lock(mutex);
@@ -60,24 +59,24 @@ struct Recorder {
             messages[clientId].push_back(payload);
         } else {
             ++disconnects[clientId];
+            ++disconnected;
         }
         changed.notify_all();
     }
-
     template <typename Pred>
     bool WaitFor(Pred pred, int timeoutMs = 5000) {
         std::unique_lock<std::mutex> lock(mutex);
         return changed.wait_for(lock, milliseconds(timeoutMs), [&] { return pred(); });
     }
-    int TotalDisconnects() {
-        int total = 0;
-        for (auto& entry : disconnects) total += entry.second;
-        return total;
+    bool WaitClients(size_t n) {
+        return WaitFor([&] { return messages.size() == n; });
     }
-    // The one client seen so far (tests with a single connection).
-    int OnlyClient() {
+    bool WaitDisconnects(int n) {
+        return WaitFor([&] { return disconnected == n; });
+    }
+    int NewestClient() {
         std::lock_guard<std::mutex> lock(mutex);
-        return messages.size() == 1 ? messages.begin()->first : 0;
+        return messages.empty() ? 0 : messages.rbegin()->first;
     }
 };
 
@@ -85,8 +84,7 @@ class VornNetTest : public ::testing::Test {
 protected:
     void SetUp() override {
         VornNetSDK_Init(nullptr);
-        m_server = VornStartServer(0, VORN_MODE_MESSAGE, &Recorder::Callback, &m_rec);
-        ASSERT_GT(m_server, 0);
+        Start(0);
         m_port = VornServerGetListenPort(m_server);
         ASSERT_GT(m_port, 0);
     }
@@ -94,7 +92,17 @@ protected:
         VornStopServer(m_server);
         VornNetSDK_SetFrameTimeout(0);
     }
+    void Start(int port) {
+        m_server = VornStartServer(port, VORN_MODE_MESSAGE, &Recorder::Callback, &m_rec);
+        ASSERT_GT(m_server, 0);
+    }
     bool Connect(CmsClient& client) { return client.Connect("127.0.0.1", m_port); }
+    // Connects and sends one message whose callback is awaited.
+    void SendOne(CmsClient& client, int port, const char* text, size_t clientsAfter) {
+        ASSERT_TRUE(client.Connect("127.0.0.1", port));
+        ASSERT_TRUE(client.Send(Head(1), text));
+        ASSERT_TRUE(m_rec.WaitClients(clientsAfter));
+    }
     Recorder m_rec;
     int m_server = -1;
     int m_port = 0;
@@ -121,14 +129,13 @@ TEST_F(VornNetTest, RepliesAreFramedResultsAndAddressesAreKnown) {
     ASSERT_EQ(client.ReadReply(reply), CmsClient::ReadResult::kReply);
     EXPECT_FALSE(reply.IsState());
     EXPECT_EQ(std::string(reply.data.begin(), reply.data.end()), "SN-0001");
-    ASSERT_TRUE(m_rec.WaitFor([&] { return m_rec.messages.size() == 1; }));
+    ASSERT_TRUE(m_rec.WaitClients(1));
     std::lock_guard<std::mutex> lock(m_rec.mutex);
     EXPECT_EQ(m_rec.messages.begin()->second.size(), 1u);
 }
 
 TEST_F(VornNetTest, ManyClientsKeepOrderAndDisconnectOnceLast) {
-    constexpr int kClients = 16;
-    constexpr int kMessages = 40;
+    constexpr int kClients = 16, kMessages = 40;
     m_rec.onMessage = [](int client, const std::string&) {
         std::this_thread::sleep_for(std::chrono::microseconds(200));  // invite overlaps
         VornServerSendState(client, 0);
@@ -146,7 +153,7 @@ TEST_F(VornNetTest, ManyClientsKeepOrderAndDisconnectOnceLast) {
         });
     }
     for (auto& thread : threads) thread.join();
-    ASSERT_TRUE(m_rec.WaitFor([&] { return m_rec.TotalDisconnects() == kClients; }));
+    ASSERT_TRUE(m_rec.WaitDisconnects(kClients));
 
     std::lock_guard<std::mutex> lock(m_rec.mutex);
     EXPECT_EQ(m_rec.overlaps, 0);
@@ -163,30 +170,22 @@ TEST_F(VornNetTest, ManyClientsKeepOrderAndDisconnectOnceLast) {
 TEST_F(VornNetTest, AFloodBehindABlockedCallbackArrivesWhole) {
     // Far more messages than the backlog holds, so reading pauses and must resume.
     constexpr int kMessages = 3000;
-    std::mutex gateMutex;
-    std::condition_variable gateOpened;
-    bool open = false;
-    m_rec.onMessage = [&](int, const std::string&) {
-        std::unique_lock<std::mutex> lock(gateMutex);
-        gateOpened.wait(lock, [&] { return open; });
-    };
+    std::promise<void> gate;
+    std::shared_future<void> opened = gate.get_future().share();
+    m_rec.onMessage = [&](int, const std::string&) { opened.wait(); };
     CmsClient client;
     ASSERT_TRUE(Connect(client));
     for (int i = 0; i < kMessages; ++i) ASSERT_TRUE(client.Send(Head(9), std::to_string(i)));
     std::this_thread::sleep_for(milliseconds(200));
-    {
-        std::lock_guard<std::mutex> lock(gateMutex);
-        open = true;
-    }
-    gateOpened.notify_all();
-    int id = 0;
+    gate.set_value();
+    std::vector<std::string>* got = nullptr;
     ASSERT_TRUE(m_rec.WaitFor([&] {
         if (m_rec.messages.size() != 1) return false;
-        id = m_rec.messages.begin()->first;
-        return m_rec.messages[id].size() == static_cast<size_t>(kMessages);
+        got = &m_rec.messages.begin()->second;
+        return got->size() == static_cast<size_t>(kMessages);
     }));
     std::lock_guard<std::mutex> lock(m_rec.mutex);
-    for (int i = 0; i < kMessages; ++i) ASSERT_EQ(m_rec.messages[id][i], std::to_string(i));
+    for (int i = 0; i < kMessages; ++i) ASSERT_EQ((*got)[i], std::to_string(i));
 }
 
 TEST_F(VornNetTest, BrokenClientsAreDroppedAndReportedOnce) {
@@ -209,7 +208,7 @@ TEST_F(VornNetTest, BrokenClientsAreDroppedAndReportedOnce) {
     EXPECT_TRUE(stalled.WaitClosed(3000));
     EXPECT_GE(Clock::now() - start, milliseconds(250));
 
-    ASSERT_TRUE(m_rec.WaitFor([&] { return m_rec.TotalDisconnects() == 3; }));
+    ASSERT_TRUE(m_rec.WaitDisconnects(3));
     // Silence between whole messages is not a fault.
     EXPECT_FALSE(quiet.WaitClosed(500));
     std::lock_guard<std::mutex> lock(m_rec.mutex);
@@ -248,77 +247,17 @@ TEST_F(VornNetTest, KillsFlushFirstAndDelayedOnesBlockNobody) {
     EXPECT_TRUE(oneShot.WaitClosed(2000));
     EXPECT_GE(Clock::now() - start, milliseconds(380));
     EXPECT_LT(callbackMicros.load(), 100000);
-    ASSERT_TRUE(m_rec.WaitFor([&] { return m_rec.TotalDisconnects() == 2; }));
+    ASSERT_TRUE(m_rec.WaitDisconnects(2));
     EXPECT_FALSE(other.WaitClosed(200));
 }
 
-TEST_F(VornNetTest, StopClosesClientsAndThePortCanBeReusedAtOnce) {
-    CmsClient a, b, c;
-    for (CmsClient* client : {&a, &b, &c}) {
-        ASSERT_TRUE(Connect(*client));
-        ASSERT_TRUE(client->Send(Head(1), "x"));
-    }
-    ASSERT_TRUE(m_rec.WaitFor([&] { return m_rec.messages.size() == 3; }));
-    int lastId = 0;
-    {
-        std::lock_guard<std::mutex> lock(m_rec.mutex);
-        lastId = m_rec.messages.rbegin()->first;
-    }
-    EXPECT_EQ(VornStopServer(m_server), 1);
-    {
-        // Stop returns after the last disconnect callback.
-        std::lock_guard<std::mutex> lock(m_rec.mutex);
-        EXPECT_EQ(m_rec.TotalDisconnects(), 3);
-    }
-    EXPECT_EQ(VornStopServer(m_server), 0);
-    for (CmsClient* client : {&a, &b, &c}) EXPECT_TRUE(client->WaitClosed(1000));
-
-    m_server = VornStartServer(m_port, VORN_MODE_MESSAGE, &Recorder::Callback, &m_rec);
-    ASSERT_GT(m_server, 0);
-    CmsClient again;
-    ASSERT_TRUE(Connect(again));
-    ASSERT_TRUE(again.Send(Head(1), "y"));
-    ASSERT_TRUE(m_rec.WaitFor([&] { return m_rec.messages.size() == 4; }));
-    std::lock_guard<std::mutex> lock(m_rec.mutex);
-    EXPECT_GT(m_rec.messages.rbegin()->first, lastId);  // ids are not reused
-}
-
-TEST_F(VornNetTest, StopInsideACallbackThenDestroyAndStartAgain) {
-    m_rec.onMessage = [&](int, const std::string&) { VornStopServer(m_server); };
-    CmsClient client;
-    ASSERT_TRUE(Connect(client));
-    ASSERT_TRUE(client.Send(Head(1), "stop"));
-    EXPECT_TRUE(client.WaitClosed(2000));
-    EXPECT_TRUE(m_rec.WaitFor([&] { return m_rec.TotalDisconnects() == 1; }));
-    // Destroy waits for the callbacks of every listener still running.
-    m_rec.onMessage = nullptr;
-    CmsClient other;
-    m_server = VornStartServer(0, VORN_MODE_MESSAGE, &Recorder::Callback, &m_rec);
-    ASSERT_TRUE(other.Connect("127.0.0.1", VornServerGetListenPort(m_server)));
-    ASSERT_TRUE(other.Send(Head(1), "x"));
-    ASSERT_TRUE(m_rec.WaitFor([&] { return m_rec.messages.size() == 2; }));
-    VornNetSDK_destroy();
-    EXPECT_EQ(m_rec.TotalDisconnects(), 2);
-    EXPECT_TRUE(other.WaitClosed(1000));
-
-    VornNetSDK_Init(nullptr);
-    m_server = VornStartServer(m_port, VORN_MODE_MESSAGE, &Recorder::Callback, &m_rec);
-    ASSERT_GT(m_server, 0);
-    CmsClient again;
-    ASSERT_TRUE(Connect(again));
-    ASSERT_TRUE(again.Send(Head(1), "y"));
-    EXPECT_TRUE(m_rec.WaitFor([&] { return m_rec.messages.size() == 3; }));
-}
-
-TEST_F(VornNetTest, UnknownIdsAndBadArgumentsAreHarmless) {
-    CmsClient client;
-    ASSERT_TRUE(Connect(client));
-    ASSERT_TRUE(client.Send(Head(1), "x"));
-    ASSERT_TRUE(m_rec.WaitFor([&] { return m_rec.messages.size() == 1; }));
-    int closedId = m_rec.OnlyClient();
-    client.Close();
-    ASSERT_TRUE(m_rec.WaitFor([&] { return m_rec.TotalDisconnects() == 1; }));
-
+TEST_F(VornNetTest, StaleIdsAreHarmlessStopClosesAllAndThePortIsReusedAtOnce) {
+    CmsClient a, b, c, again;
+    size_t clients = 0;
+    for (CmsClient* client : {&a, &b, &c}) SendOne(*client, m_port, "x", ++clients);
+    const int closedId = m_rec.NewestClient();  // c's
+    c.Close();
+    ASSERT_TRUE(m_rec.WaitDisconnects(1));
     char addr[32];
     const unsigned char byte = 0;
     for (int id : {0, -1, 999999, closedId}) {
@@ -330,12 +269,44 @@ TEST_F(VornNetTest, UnknownIdsAndBadArgumentsAreHarmless) {
         EXPECT_EQ(VornServerGetClientAddr(id, addr, sizeof addr), 0);
         EXPECT_EQ(VornServerGetLocalAddr(id, addr, sizeof addr), 0);
     }
-    EXPECT_EQ(VornStopServer(424242), 0);
-    EXPECT_EQ(VornServerGetListenPort(424242), 0);
-    EXPECT_EQ(VornStartServer(m_port, VORN_MODE_MESSAGE, &Recorder::Callback, &m_rec), -1);
+
+    EXPECT_EQ(VornStopServer(m_server), 1);
+    // Stop returns after the last disconnect callback.
+    EXPECT_TRUE(m_rec.WaitFor([&] { return m_rec.disconnected == 3; }, 0));
+    for (int server : {m_server, 424242}) {
+        EXPECT_EQ(VornStopServer(server), 0);
+        EXPECT_EQ(VornServerGetListenPort(server), 0);
+    }
+    for (CmsClient* client : {&a, &b}) EXPECT_TRUE(client->WaitClosed(1000));
+
+    Start(m_port);
+    SendOne(again, m_port, "y", 4);
+    EXPECT_GT(m_rec.NewestClient(), closedId);  // ids are not reused
+    for (int port : {m_port, 70000}) {
+        EXPECT_EQ(VornStartServer(port, VORN_MODE_MESSAGE, &Recorder::Callback, &m_rec), -1);
+    }
     EXPECT_EQ(VornStartServer(0, VORN_MODE_HTTP, &Recorder::Callback, &m_rec), -1);
     EXPECT_EQ(VornStartServer(0, VORN_MODE_MESSAGE, nullptr, nullptr), -1);
-    EXPECT_EQ(VornStartServer(70000, VORN_MODE_MESSAGE, &Recorder::Callback, &m_rec), -1);
+}
+
+TEST_F(VornNetTest, StopInsideACallbackThenDestroyAndStartAgain) {
+    m_rec.onMessage = [&](int, const std::string&) { VornStopServer(m_server); };
+    CmsClient client, other, again;
+    ASSERT_TRUE(Connect(client));
+    ASSERT_TRUE(client.Send(Head(1), "stop"));
+    EXPECT_TRUE(client.WaitClosed(2000));
+    EXPECT_TRUE(m_rec.WaitDisconnects(1));
+    // Destroy waits for the callbacks of every listener still running.
+    m_rec.onMessage = nullptr;
+    Start(0);
+    SendOne(other, VornServerGetListenPort(m_server), "x", 2);
+    VornNetSDK_destroy();
+    EXPECT_EQ(m_rec.disconnected, 2);
+    EXPECT_TRUE(other.WaitClosed(1000));
+
+    VornNetSDK_Init(nullptr);
+    Start(m_port);
+    SendOne(again, m_port, "y", 3);
 }
 
 }  // namespace

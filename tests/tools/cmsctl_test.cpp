@@ -48,6 +48,16 @@ bool Contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
+// The exit code, and a piece of the output when one is given.
+void Expect(const CtlRun& run, int code, const std::string& part = "") {
+    EXPECT_EQ(run.code, code) << run.out;
+    EXPECT_TRUE(Contains(run.out, part)) << run.out;
+}
+void ExpectOutput(const CtlRun& run, const std::string& out) {
+    EXPECT_EQ(run.code, 0) << run.out;
+    EXPECT_EQ(run.out, out);
+}
+
 class Cmsctl : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
@@ -110,52 +120,36 @@ TEST_F(Cmsctl, HelpAndBadInput) {
                                                {"put", "1", "2", "3", "/nonexistent/file"},
                                                {"event", "alarm", "--code", "5"},
                                                {"login", std::string(100, 'S')},
-                                               {"login", "A", "--bogus", "1"}}) {
-        CtlRun r = At(words);
-        EXPECT_EQ(r.code, 2) << r.out;
-        EXPECT_TRUE(Contains(r.out, "cmsctl: ")) << r.out;
-    }
+                                               {"login", "A", "--bogus", "1"}})
+        Expect(At(words), 2, "cmsctl: ");
     // Nobody listening: a failure, not bad input.
     EXPECT_EQ(Ctl({"--port", std::to_string(cmstest::FreePort()), "login", "X"}).code, 1);
 }
 
 TEST_F(Cmsctl, LoginAddressesAndNodeLists) {
-    CtlRun login = At({"login", kRecorder});
-    EXPECT_EQ(login.code, 0) << login.out;
-    EXPECT_EQ(login.out, "state 0 (ok)\n");
+    ExpectOutput(At({"login", kRecorder}), "state 0 (ok)\n");
     EXPECT_EQ(At({"login", "NOSUCHSERIAL"}).code, 1);
 
     // Channel 1 of the recorder: through the root media server, addressed by its code.
     CtlRun url = At({"url", "--node", "1", "--type", "3"});
-    EXPECT_EQ(url.code, 0) << url.out;
-    EXPECT_TRUE(Contains(url.out, "address:   rtsp://192.168.10.10:554/")) << url.out;
+    Expect(url, 0, "address:   rtsp://192.168.10.10:554/");
     EXPECT_TRUE(Contains(url.out, ":@34010400001310000001\n")) << url.out;
-    CtlRun byCode = At({"url", "--code", "34010400001310000001"});
-    EXPECT_EQ(byCode.code, 0) << byCode.out;
-    EXPECT_TRUE(Contains(byCode.out, "code:      34010400001310000001\n")) << byCode.out;
-    CtlRun missing = At({"url", "--node", "999", "--type", "3"});
-    EXPECT_EQ(missing.code, 1);
-    EXPECT_TRUE(Contains(missing.out, "state 1 (failed)")) << missing.out;
+    Expect(At({"url", "--code", "34010400001310000001"}), 0, "code:      34010400001310000001\n");
+    Expect(At({"url", "--node", "999", "--type", "3"}), 1, "state 1 (failed)");
 
     // The provincial platform is sent the shared recorder and crossing channel.
-    CtlRun nodes = At({"nodes", "--type", "4", "--code", "34000000002000000001"});
-    EXPECT_EQ(nodes.code, 0) << nodes.out;
-    EXPECT_TRUE(Contains(nodes.out, "34010000001310000004")) << nodes.out;
+    Expect(At({"nodes", "--type", "4", "--code", "34000000002000000001"}), 0,
+           "34010000001310000004");
     EXPECT_EQ(At({"nodes", "--type", "1", "--code", "x"}).code, 1);
 }
 
 TEST_F(Cmsctl, Statements) {
-    CtlRun query = At({"sql", "query", "select id,name from device where id<3 order by id",
-                       "--columns", "id,name"});
-    EXPECT_EQ(query.code, 0) << query.out;
-    EXPECT_EQ(query.out,
-              "<data><tb>id,name,</tb><vs><v>1,Gate recorder,</v><v>2,Lobby camera,</v></vs>"
-              "</data>\n");
-
+    ExpectOutput(At({"sql", "query", "select id,name from device where id<3 order by id",
+                     "--columns", "id,name"}),
+                 "<data><tb>id,name,</tb><vs><v>1,Gate recorder,</v><v>2,Lobby camera,</v></vs>"
+                 "</data>\n");
     CtlRun add = At({"sql", "add", "insert into stiffinfo(name) values ('Wang Fang')"});
-    EXPECT_EQ(add.code, 0) << add.out;
-    EXPECT_EQ(add.out,
-              "id " + db->Scalar("select id from stiffinfo where name='Wang Fang'") + "\n");
+    ExpectOutput(add, "id " + db->Scalar("select id from stiffinfo where name='Wang Fang'") + "\n");
     EXPECT_EQ(At({"sql", "exec", "update stiffinfo set department='Gate' where id=1"}).code, 0);
     EXPECT_EQ(db->Scalar("select department from stiffinfo where id=1"), "Gate");
     EXPECT_EQ(At({"sql", "exec", "update nosuchtable set a=1"}).code, 1);
@@ -167,46 +161,35 @@ TEST_F(Cmsctl, FilesGoInAndComeBackOut) {
     bytes += std::string(5000, 'x');
     tmp.Write("in.jpg", bytes);
 
-    CtlRun put = At({"put", "1", "42", "0", tmp.File("in.jpg")});
-    EXPECT_EQ(put.code, 0) << put.out;
-    CtlRun list = At({"get", "1", "42", "0"});
-    EXPECT_EQ(list.code, 0) << list.out;
-    EXPECT_TRUE(Contains(list.out, "     -1  " + std::to_string(bytes.size()))) << list.out;
-    CtlRun get = At({"get", "1", "42", "0", "-o", tmp.File("out.jpg")});
-    EXPECT_EQ(get.code, 0) << get.out;
+    Expect(At({"put", "1", "42", "0", tmp.File("in.jpg")}), 0);
+    Expect(At({"get", "1", "42", "0"}), 0, "     -1  " + std::to_string(bytes.size()));
+    Expect(At({"get", "1", "42", "0", "-o", tmp.File("out.jpg")}), 0);
     EXPECT_EQ(cmstest::ReadFile(tmp.File("out.jpg")), bytes);
 
     EXPECT_EQ(At({"delete", "1", "42"}).code, 0);
-    CtlRun gone = At({"get", "1", "42", "0"});
-    EXPECT_EQ(gone.code, 1);
-    EXPECT_TRUE(Contains(gone.out, "no such object")) << gone.out;
+    Expect(At({"get", "1", "42", "0"}), 1, "no such object");
 }
 
 TEST_F(Cmsctl, EventsLandInTheirLogTables) {
     cmstest::TempDir tmp;
     tmp.Write("pic.jpg", "JPEGDATA");
-    CtlRun alarm = At({"event", "alarm", "--as", kRecorder, "--chan", "1", "--code", "5", "--info",
-                       "door forced", "--picture", tmp.File("pic.jpg")});
-    EXPECT_EQ(alarm.code, 0) << alarm.out;
+    Expect(At({"event", "alarm", "--as", kRecorder, "--chan", "1", "--code", "5", "--info",
+               "door forced", "--picture", tmp.File("pic.jpg")}),
+           0);
     // Handled before the reply to the closing login, so the row is there already.
     auto rows = db->Query("select id,nodeid,nodetype,eventtype,descript from intveventlog");
     ASSERT_EQ(rows.size(), 1u);
-    EXPECT_EQ(rows[0][1], "1");
-    EXPECT_EQ(rows[0][2], "3");
-    EXPECT_EQ(rows[0][3], "5");
-    EXPECT_EQ(rows[0][4], "door forced");
+    EXPECT_EQ(std::vector<std::string>(rows[0].begin() + 1, rows[0].end()),
+              (std::vector<std::string>{"1", "3", "5", "door forced"}));
     EXPECT_EQ(cmstest::ReadFile(daemon->dir().File("store/intv/" + rows[0][0] + "/0.jpg")),
               "JPEGDATA");
 
-    CtlRun diag = At({"event", "diagnosis", "--serial", kRecorder, "--code", "7"});
-    EXPECT_EQ(diag.code, 0) << diag.out;
-    EXPECT_EQ(diag.out, "state 0 (ok)\n");
+    ExpectOutput(At({"event", "diagnosis", "--serial", kRecorder, "--code", "7"}),
+                 "state 0 (ok)\n");
     EXPECT_EQ(CountSoon("devdiagnoselog", "nodeid=1 and nodetype=3 and descript='镜头遮挡'"), 1);
 
     // An unknown sender is not acknowledged.
-    CtlRun unknown =
-        At({"--timeout", "300", "event", "state", "--serial", "NOSUCH", "--code", "1"});
-    EXPECT_EQ(unknown.code, 1) << unknown.out;
+    Expect(At({"--timeout", "300", "event", "state", "--serial", "NOSUCH", "--code", "1"}), 1);
 }
 
 }  // namespace

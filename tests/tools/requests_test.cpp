@@ -5,6 +5,8 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -19,6 +21,17 @@ int32_t I32At(const std::string& s, size_t at) {
 
 // The zero-terminated text at `at`.
 std::string TextAt(const std::string& s, size_t at) { return std::string(s.c_str() + at); }
+
+void ExpectInts(const std::string& p, std::initializer_list<std::pair<size_t, int32_t>> fields) {
+    for (const auto& f : fields) EXPECT_EQ(I32At(p, f.first), f.second) << "at " << f.first;
+}
+void ExpectTexts(const std::string& p,
+                 std::initializer_list<std::pair<size_t, std::string>> fields) {
+    for (const auto& f : fields) EXPECT_EQ(TextAt(p, f.first), f.second) << "at " << f.first;
+}
+std::tuple<int, int, int, int, int> HeadOf(const cmsclient::Request& r) {
+    return {r.head.nType, r.head.nFrom, r.head.nTo, r.head.nFromClientID, r.head.nToClientID};
+}
 
 TEST(Requests, PushNodeWritesEveryFieldAtItsOffset) {
     _msg_domain_info n{};
@@ -37,34 +50,25 @@ TEST(Requests, PushNodeWritesEveryFieldAtItsOffset) {
     EXPECT_EQ(r.head.nType, CMS_MSG_PUSH_DATA);
     const std::string& p = r.payload;
     ASSERT_EQ(p.size(), 200u);
-    EXPECT_EQ(I32At(p, 0), 3);
-    EXPECT_EQ(TextAt(p, 4), std::string(29, 'C'));
-    EXPECT_EQ(TextAt(p, 34), "P1");
-    EXPECT_EQ(TextAt(p, 64), "3401");
-    EXPECT_EQ(TextAt(p, 94), "DOM");
-    EXPECT_EQ(I32At(p, 124), 2);
-    EXPECT_EQ(I32At(p, 128), 0x10001);
-    EXPECT_EQ(TextAt(p, 132), "gate");
+    ExpectInts(p, {{0, 3}, {124, 2}, {128, 0x10001}});
+    ExpectTexts(p,
+                {{4, std::string(29, 'C')}, {34, "P1"}, {64, "3401"}, {94, "DOM"}, {132, "gate"}});
     EXPECT_EQ(p.substr(182, 2), std::string(2, '\0'));
-    double lon = 0, lat = 0;
-    std::memcpy(&lon, p.data() + 184, 8);
-    std::memcpy(&lat, p.data() + 192, 8);
-    EXPECT_EQ(lon, 117.25);
-    EXPECT_EQ(lat, -31.5);
+    double lonLat[2] = {0, 0};
+    std::memcpy(lonLat, p.data() + 184, 16);
+    EXPECT_EQ(lonLat[0], 117.25);
+    EXPECT_EQ(lonLat[1], -31.5);
 }
 
 TEST(Requests, UrlListAndFileRequestsCarryTheirParametersWhereTheServerReadsThem) {
     auto byNode = cmsclient::GetUrlByNode(0x100000007LL, 3);
     ASSERT_EQ(byNode.payload.size(), 48u);
-    EXPECT_EQ(byNode.head.nType, CMS_MSG_GET_URL);
-    EXPECT_EQ(byNode.head.nFrom, 0);
-    EXPECT_EQ(I32At(byNode.payload, 0), 7);
-    EXPECT_EQ(I32At(byNode.payload, 4), 1);
-    EXPECT_EQ(I32At(byNode.payload, 8), 3);
+    EXPECT_EQ(HeadOf(byNode), std::make_tuple(CMS_MSG_GET_URL, 0, 0, 0, 0));
+    ExpectInts(byNode.payload, {{0, 7}, {4, 1}, {8, 3}});
 
     auto byCode = cmsclient::GetUrlByCode(std::string(40, '9').c_str());
     ASSERT_EQ(byCode.payload.size(), 48u);
-    EXPECT_EQ(byCode.head.nFrom, 1);
+    EXPECT_EQ(HeadOf(byCode), std::make_tuple(CMS_MSG_GET_URL, 1, 0, 0, 0));
     EXPECT_EQ(TextAt(byCode.payload, 12), std::string(31, '9'));
     EXPECT_EQ(byCode.payload.substr(43), std::string(5, '\0'));
 
@@ -74,14 +78,10 @@ TEST(Requests, UrlListAndFileRequestsCarryTheirParametersWhereTheServerReadsThem
                                         13));
 
     auto put = cmsclient::PutFile(7, -5, 255, "abc");
-    EXPECT_EQ(put.head.nType, CMS_MSG_WRITEFILE);
-    EXPECT_EQ(put.head.nFrom, 7);
-    EXPECT_EQ(put.head.nTo, 255);
-    EXPECT_EQ(put.head.nFromClientID, -5);
+    EXPECT_EQ(HeadOf(put), std::make_tuple(CMS_MSG_WRITEFILE, 7, 255, -5, 0));
     EXPECT_EQ(put.payload, "abc");
     auto del = cmsclient::DeleteFile(1, 42);
-    EXPECT_EQ(del.head.nType, CMS_MSG_DELETEFILE);
-    EXPECT_EQ(del.head.nFromClientID, 42);
+    EXPECT_EQ(HeadOf(del), std::make_tuple(CMS_MSG_DELETEFILE, 1, 0, 42, 0));
     EXPECT_TRUE(del.payload.empty());
 }
 
@@ -104,32 +104,20 @@ TEST(Requests, EventsLeadWithTheSenderAndCarryPicturesBehindTheRecord) {
     const std::string& p = alarm.payload;
     ASSERT_EQ(p.size(), 64u + 164u + 6u);
     EXPECT_EQ(TextAt(p, 0), "DEV10");
-    const size_t r = 64;  // the record follows the sender head
-    EXPECT_EQ(static_cast<uint32_t>(I32At(p, r + 4)), 1700000000u);
-    EXPECT_EQ(TextAt(p, r + 8), "3");
-    EXPECT_EQ(static_cast<uint32_t>(I32At(p, r + 48)), 0x03000005u);
-    EXPECT_EQ(TextAt(p, r + 94), "door");
-    EXPECT_EQ(I32At(p, r + 136), 77);  // nReserve[1], the alarm's param
-    EXPECT_EQ(I32At(p, r + 148), 4);
-    EXPECT_EQ(I32At(p, r + 152), 2);
-    EXPECT_EQ(I32At(p, r + 156), 0);
-    EXPECT_EQ(p.substr(r + 164), "AAAABB");
+    const std::string r = p.substr(64);  // the record follows the sender head
+    // nReserve[1] at 136 is the alarm's param; picture lengths from 148.
+    ExpectInts(r, {{4, 1700000000}, {48, 0x03000005}, {136, 77}, {148, 4}, {152, 2}, {156, 0}});
+    ExpectTexts(r, {{8, "3"}, {94, "door"}});
+    EXPECT_EQ(r.substr(164), "AAAABB");
 
     f.senderSerial.clear();
     f.pictures = {"1", "2", "3", "4", "5"};
-    auto face = cmsclient::FaceEvent(f, 123, 40, 2, 93);
-    const std::string& q = face.payload;
+    const std::string q = cmsclient::FaceEvent(f, 123, 40, 2, 93).payload;
     ASSERT_EQ(q.size(), 164u + 4u);  // no head; the fifth picture is left out
-    EXPECT_EQ(static_cast<uint32_t>(I32At(q, 48)), 0x03000040u);
-    EXPECT_EQ(I32At(q, 56), 40);
+    ExpectInts(q, {{48, 0x03000040}, {56, 40}, {132, 2}, {144, 93}});
     EXPECT_EQ(TextAt(q, 64), "123");
-    EXPECT_EQ(I32At(q, 132), 2);
-    EXPECT_EQ(I32At(q, 144), 93);
-
-    EXPECT_EQ(static_cast<uint32_t>(I32At(cmsclient::DeviceStateEvent(f, 2).payload, 48)),
-              0x01000002u);
-    EXPECT_EQ(static_cast<uint32_t>(I32At(cmsclient::DiagnosisEvent(f, 7).payload, 48)),
-              0x04000007u);
+    EXPECT_EQ(I32At(cmsclient::DeviceStateEvent(f, 2).payload, 48), 0x01000002);
+    EXPECT_EQ(I32At(cmsclient::DiagnosisEvent(f, 7).payload, 48), 0x04000007);
 }
 
 TEST(Replies, NodeAndLinkAnswersDecodeAsTheServerPacksThem) {
@@ -168,20 +156,17 @@ TEST(Replies, NodeAndLinkAnswersDecodeAsTheServerPacksThem) {
 }
 
 TEST(Replies, FilePacksAreReadOnlyWithinTheirBytes) {
+    // Numbers from offset 0, lengths from 32, the bytes behind the 64-byte index.
     Bytes pack(64 + 3, 0);
     auto put = [&](size_t at, int32_t v) { std::memcpy(pack.data() + at, &v, 4); };
-    put(0, 3);
-    put(4, 7);
-    put(32, 2);
-    put(36, 1);
+    const std::pair<size_t, int32_t> index[] = {{0, 3}, {4, 7}, {32, 2}, {36, 1}};
+    for (const auto& field : index) put(field.first, field.second);
     std::memcpy(pack.data() + 64, "abc", 3);
     std::vector<cmsclient::FilePart> parts;
     ASSERT_TRUE(cmsclient::DecodeFilePack(pack, parts));
-    ASSERT_EQ(parts.size(), 2u);
-    EXPECT_EQ(parts[0].number, 3);
-    EXPECT_EQ(parts[0].bytes, "ab");
-    EXPECT_EQ(parts[1].number, 7);
-    EXPECT_EQ(parts[1].bytes, "c");
+    std::string seen;
+    for (const auto& part : parts) seen += std::to_string(part.number) + ":" + part.bytes + " ";
+    EXPECT_EQ(seen, "3:ab 7:c ");
 
     put(36, 2);  // one byte more than arrived
     EXPECT_FALSE(cmsclient::DecodeFilePack(pack, parts));
