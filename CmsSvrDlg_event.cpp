@@ -121,10 +121,7 @@ bool ResolveDeviceChannel(int deviceId, int chan, EventNode& node) {
 
 // Server channels are not in the catalogue: they are read from the database per event.
 bool ResolveServerChannel(int serverId, int index, EventNode& node) {
-    struct ChanList {
-        std::vector<_msg_serverchan_v2*> v;
-        ~ChanList() { ReleaseArray(v); }
-    } chans;
+    OwnedList<_msg_serverchan_v2> chans;
     {
         CMysqlDB db;
         if (!ConnectDB(&db)) return false;

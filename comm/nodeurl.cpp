@@ -479,16 +479,11 @@ void PackDomainBase(const domain_base& d, unsigned char* slot) {
     slot[offsetof(domain_base, bAuth)] = d.bAuth ? 1 : 0;
 }
 
-struct DomainList {
-    std::vector<domain_base*> v;
-    ~DomainList() { ReleaseArray(v); }
-};
-
 }  // namespace
 
 int GetDomainServer(const char* code, char*& records, int& length) {
     if (!code) return 0;
-    DomainList list;
+    OwnedList<domain_base> list;
     if (!GetDomainSeverFromDB(code, list.v)) return 0;
     if (list.v.empty()) return 1;
     const size_t total = list.v.size() * DOMAIN_BASE_SIZE;

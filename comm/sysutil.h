@@ -50,6 +50,16 @@ int ReleaseArray(std::vector<T*>& v) {
     return 1;
 }
 
+// A temporary vector that owns its heap records: they are released when it goes.
+template <class T>
+struct OwnedList {
+    std::vector<T*> v;
+    OwnedList() = default;
+    ~OwnedList() { ReleaseArray(v); }
+    OwnedList(const OwnedList&) = delete;
+    OwnedList& operator=(const OwnedList&) = delete;
+};
+
 // ---- Reboot ----
 // The reboot call goes through this seam so that tests never reboot the machine.
 using RebootFunc = int (*)(int cmd);

@@ -31,45 +31,27 @@ constexpr int kDeviceGroupType = 1;  // devicegroup.grouptype of the cascade gro
 
 using NodeList = std::vector<node_info*>;
 
-// A temporary vector that owns its heap records.
-template <class T>
-struct OwnedList {
-    std::vector<T*> v;
-    OwnedList() = default;
-    ~OwnedList() { ReleaseArray(v); }
-    OwnedList(const OwnedList&) = delete;
-    OwnedList& operator=(const OwnedList&) = delete;
-};
-
 // ---- Node construction ----
 
-void FillDeviceFields(node_info* n, const _msg_recorddevice_base& dev) {
+// A node named as `named` says (a device or a channel record: name, serial, code) and
+// reached through the connection fields of device `dev`.
+template <class Named>
+node_info* MakeNode(const Named& named, const _msg_recorddevice_base& dev, int type) {
+    node_info* n = new node_info();
+    btext::CopyField(n->szName, named.szName);
+    btext::CopyField(n->szSerial, named.szSerial);
+    btext::CopyField(n->szCode, named.szCode);
     btext::CopyField(n->szIP, dev.szIP);
     n->nPort = dev.nPort;
     btext::CopyField(n->szUser, dev.szUser);
     btext::CopyField(n->szPass, dev.szPass);
     n->nftype = static_cast<int8_t>(dev.nServerType);
+    n->nType = type;
+    return n;
 }
 
 node_info* MakeDeviceNode(const _msg_recorddevice_base& dev, int type) {
-    node_info* n = new node_info();
-    btext::CopyField(n->szName, dev.szName);
-    btext::CopyField(n->szSerial, dev.szSerial);
-    btext::CopyField(n->szCode, dev.szCode);
-    FillDeviceFields(n, dev);
-    n->nType = type;
-    return n;
-}
-
-node_info* MakeChannelNode(const _msg_video_record_base& chan, const _msg_recorddevice_base& dev,
-                           int type) {
-    node_info* n = new node_info();
-    btext::CopyField(n->szName, chan.szName);
-    btext::CopyField(n->szSerial, chan.szSerial);
-    btext::CopyField(n->szCode, chan.szCode);
-    FillDeviceFields(n, dev);
-    n->nType = type;
-    return n;
+    return MakeNode(dev, dev, type);
 }
 
 node_info* MakeRegionFolder(const _msg_region_base& region, const _msg_region_base* parent) {
@@ -233,7 +215,7 @@ node_info* NodeFromShare(const _msg_domain_chan_v2& e, const _hcrecord_Info*& de
     if (e.nType == DEVCHAN_NODE) {
         const _msg_video_record_base* chan = GetVideoChanInfoByID(m_arrVideoChanInfos, e.nNodeID);
         if (chan) device = GetDeviceInfoByID(m_arrRecordInfos, chan->nDeviceID);
-        return device ? MakeChannelNode(*chan, device->dev, kShareChannel) : nullptr;
+        return device ? MakeNode(*chan, device->dev, kShareChannel) : nullptr;
     }
     return nullptr;
 }
@@ -287,7 +269,7 @@ void AppendCmsChannels(NodeList& out) {
         if (!d) continue;
         const _msg_region_base* region = GetRegion(m_arrRegionInfos, d->dev.nRegionID);
         if (!region) continue;
-        node_info* n = MakeChannelNode(*c, d->dev, kCmsChannel);
+        node_info* n = MakeNode(*c, d->dev, kCmsChannel);
         btext::CopyField(n->szParentCode, region->szSerial);
         out.push_back(n);
     }
@@ -395,7 +377,7 @@ node_info* NodeFromMember(const _msg_changroup_base& m) {
     }
     const _msg_video_record_base* c = GetVideoChanInfoByID(m_arrVideoChanInfos, m.nChanID);
     const _hcrecord_Info* d = c ? GetDeviceInfoByID(m_arrRecordInfos, c->nDeviceID) : nullptr;
-    return d ? MakeChannelNode(*c, d->dev, kGroupChannel) : nullptr;
+    return d ? MakeNode(*c, d->dev, kGroupChannel) : nullptr;
 }
 
 bool LoadGroups(std::vector<_msg_devgroup_base*>& groups,
