@@ -92,11 +92,7 @@ int ParasCameraListFromXML(const char* text, std::vector<_cammera_info*>& camera
 
 int FormatCameraFroXML(const _cammera_info* camera, char* text, size_t size) {
     if (!camera || !text || size == 0) return 0;
-    DocWriter w(text, size);
-    WriteCamera(w, *camera);
-    if (w.Fits()) return 1;
-    text[0] = '\0';
-    return 0;
+    return docxml::WriteWhole(text, size, [camera](DocWriter& w) { WriteCamera(w, *camera); });
 }
 
 int FormatCameraListFroXML(const std::vector<_cammera_info*>& cameras, char*& text, int& length) {

@@ -77,4 +77,15 @@ private:
     size_t m_len = 0;
 };
 
+// Writes one document with `write(DocWriter&)` into `out` (size bytes, not zero): 1 when
+// it fits; otherwise 0 with `out` emptied, since a cut document would be read wrongly.
+template <class Write>
+int WriteWhole(char* out, size_t size, Write write) {
+    DocWriter w(out, size);
+    write(w);
+    if (w.Fits()) return 1;
+    out[0] = '\0';
+    return 0;
+}
+
 }  // namespace docxml

@@ -105,11 +105,7 @@ void ReadZoneInfo(char* info, _VCA_ZONE& z) {
 
 int FormatRuleFroXML(const _tag_commzonemsg* rule, char* out, size_t size) {
     if (!rule || !out || size == 0) return 0;
-    DocWriter w(out, size);
-    WriteZoneText(w, *rule);
-    if (w.Fits()) return 1;
-    out[0] = '\0';
-    return 0;
+    return docxml::WriteWhole(out, size, [rule](DocWriter& w) { WriteZoneText(w, *rule); });
 }
 
 int ParasRuleFromXML(const char* text, _tag_commzonemsg* rule) {
@@ -136,11 +132,7 @@ int ParasRuleFromXML(const char* text, _tag_commzonemsg* rule) {
 
 int FormatIntvRule(const _ruleinfo* info, char* out, size_t size) {
     if (!info || !out || size == 0) return 0;
-    DocWriter w(out, size);
-    WriteRuleElement(w, *info);
-    if (w.Fits()) return 1;
-    out[0] = '\0';
-    return 0;
+    return docxml::WriteWhole(out, size, [info](DocWriter& w) { WriteRuleElement(w, *info); });
 }
 
 int FormatRuleListFroXML(const std::vector<_ruleinfo*>& rules, char*& out, int& len) {
