@@ -64,12 +64,9 @@ int RunPut(const Context& ctx) {
     std::string error, bytes;
     if (!ReadAddress(words, true, a, error) || !ReadInputFile(words[4], bytes, error))
         return UsageError(error);
-    Session session(ctx);
-    Reply reply;
-    auto request = cmsclient::PutFile(static_cast<int>(a.kind), static_cast<int>(a.id),
-                                      static_cast<int>(a.index), bytes);
-    if (!session.Exchange(request, reply)) return kExitFailed;
-    return StateResult(reply);
+    return ExchangeForState(ctx,
+                            cmsclient::PutFile(static_cast<int>(a.kind), static_cast<int>(a.id),
+                                               static_cast<int>(a.index), bytes));
 }
 
 int RunGet(const Context& ctx) {
@@ -104,12 +101,8 @@ int RunDelete(const Context& ctx) {
     FileAddress a;
     std::string error;
     if (!ReadAddress(words, false, a, error)) return UsageError(error);
-    Session session(ctx);
-    Reply reply;
-    if (!session.Exchange(cmsclient::DeleteFile(static_cast<int>(a.kind), static_cast<int>(a.id)),
-                          reply))
-        return kExitFailed;
-    return StateResult(reply);
+    return ExchangeForState(
+        ctx, cmsclient::DeleteFile(static_cast<int>(a.kind), static_cast<int>(a.id)));
 }
 
 }  // namespace cmsctl

@@ -47,10 +47,7 @@ int RunLogin(const Context& ctx) {
     const auto& words = ctx.args.Positional();
     if (words.size() != 2) return UsageError("login takes one SERIAL");
     if (words[1].size() > cmsclient::kMaxSerial) return UsageError("a serial has at most 99 bytes");
-    Session session(ctx);
-    Reply reply;
-    if (!session.Exchange(cmsclient::Login(words[1].c_str()), reply)) return kExitFailed;
-    return StateResult(reply);
+    return ExchangeForState(ctx, cmsclient::Login(words[1].c_str()));
 }
 
 int RunPush(const Context& ctx) {

@@ -52,4 +52,11 @@ int StateResult(const cmsclient::Reply& reply) {
     return reply.state == 0 ? kExitOk : kExitFailed;
 }
 
+int ExchangeForState(const Context& ctx, const cmsclient::Request& request) {
+    Session session(ctx);
+    cmsclient::Reply reply;
+    if (!session.Exchange(request, reply)) return kExitFailed;
+    return StateResult(reply);
+}
+
 }  // namespace cmsctl

@@ -40,5 +40,8 @@ private:
 
 // Exit status for a state reply that means success when it is 0; prints the state.
 int StateResult(const cmsclient::Reply& reply);
+// Sends `request` on a connection of its own and answers StateResult of the reply, or
+// kExitFailed when none came.
+int ExchangeForState(const Context& ctx, const cmsclient::Request& request);
 
 }  // namespace cmsctl
