@@ -90,7 +90,6 @@ TEST_F(NodeRegistration, TextIsStoredAsPushedAndOddNodesInsertNothing) {
 
     long regions = db.Count("region");
     EXPECT_EQ(dlg->ProcessNode(nullptr), 0);
-    EXPECT_EQ(Push(kDomain, "", kDomain, "self"), 0);
     EXPECT_EQ(Push("340200000013200000011", "", kDomain, "long"), 0);
     EXPECT_EQ(Push("13", "", "NOSUCHOWNER", "x"), 0);
     EXPECT_EQ(db.Count("region"), regions);

@@ -21,8 +21,7 @@ public:
         auto* r = new _msg_region_base();
         r->nID = id;
         r->nParentID = parent;
-        Put(r->szSerial, serial);
-        Put(r->szName, name);
+        Put(r->szSerial, serial, r->szName, name);
         return Publish(m_arrRegionInfos, r);
     }
     // User "u", password "p", hardware type 1 (a camera).
@@ -34,11 +33,8 @@ public:
         d->dev.nHardType = 1;
         d->dev.nServerType = static_cast<uint8_t>(ftype);
         d->dev.nPort = port;
-        Put(d->dev.szSerial, serial);
-        Put(d->dev.szIP, ip);
-        Put(d->dev.szUser, "u");
-        Put(d->dev.szPass, "p");
-        Put(d->dev.szCode, code);
+        Put(d->dev.szSerial, serial, d->dev.szIP, ip, d->dev.szCode, code);
+        Put(d->dev.szUser, "u", d->dev.szPass, "p");
         d->lLoginID = -1;
         return Publish(m_arrRecordInfos, d);
     }
@@ -49,8 +45,7 @@ public:
         c->nDeviceID = device;
         c->nChan = chan;
         c->nType = 1;
-        Put(c->szSerial, serial);
-        Put(c->szCode, code);
+        Put(c->szSerial, serial, c->szCode, code);
         std::snprintf(c->szName, sizeof(c->szName), "chan%d", id);
         return Publish(m_arrVideoChanInfos, c);
     }
@@ -62,10 +57,7 @@ public:
         s->svr.nRegionID = region;
         s->svr.nServerType = type;
         s->svr.nPort = port;
-        Put(s->svr.szSerial, serial);
-        Put(s->svr.szIP, ip);
-        Put(s->svr.szUser, "su");
-        Put(s->svr.szPass, "sp");
+        Put(s->svr.szSerial, serial, s->svr.szIP, ip, s->svr.szUser, "su", s->svr.szPass, "sp");
         s->lLoginID = -1;
         return Publish(m_arrServerFromDB, s);
     }
@@ -75,10 +67,7 @@ public:
         d->svr.nID = id;
         d->svr.nPort2 = videoPort;
         d->svr.nType = type;
-        Put(d->svr.szCode, code);
-        Put(d->svr.szIP, ip);
-        Put(d->svr.szUser, "du");
-        Put(d->svr.szPass, "dp");
+        Put(d->svr.szCode, code, d->svr.szIP, ip, d->svr.szUser, "du", d->svr.szPass, "dp");
         d->lLoginID = -1;
         return Publish(m_arrDomainFromDB, d);
     }
@@ -91,9 +80,11 @@ public:
     }
 
 private:
-    template <size_t N>
-    static void Put(char (&dst)[N], const char* src) {
+    // Put(field, text, field, text, ...): each text cut to its field.
+    template <size_t N, class... More>
+    static void Put(char (&dst)[N], const char* src, More&&... more) {
         std::snprintf(dst, N, "%s", src);
+        if constexpr (sizeof...(more) > 0) Put(more...);
     }
     // Appends a finished record under the write lock: other threads may be scanning.
     template <class T>
