@@ -82,10 +82,7 @@ TEST_F(FileStoreTest, SingleFileRoundTripWithHeader) {
 TEST_F(FileStoreTest, PictureNumbersFollowTheLargest) {
     std::string dir = dir_.File("Face/5");
     EXPECT_EQ(GetFilePos(dir.c_str()), 0);  // not there yet
-    ASSERT_EQ(SaveFileEx2(2, 5, 255, "a", 1), 1);
-    ASSERT_EQ(SaveFileEx2(2, 5, 255, "bb", 2), 1);
-    ASSERT_EQ(SaveFileEx2(2, 5, 12, "c", 1), 1);
-    ASSERT_EQ(SaveFileEx2(2, 5, 7, "d", 1), 1);
+    for (int n : {255, 255, 12, 7}) ASSERT_EQ(SaveFileEx2(2, 5, n, "a", 1), 1);
     mkdir((dir + "/99.d").c_str(), 0755);  // not a regular file
     EXPECT_EQ(GetFilePos(dir.c_str()), 13);
 }

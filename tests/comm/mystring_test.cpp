@@ -18,7 +18,7 @@ struct Guarded {
 const char kUtf8Zhongwen[] = "\xe4\xb8\xad\xe6\x96\x87";  // two Chinese characters
 const char kGbZhongwen[] = "\xd6\xd0\xce\xc4";
 
-TEST(TagValue, FirstElementEndTagOffsetAndIteration) {
+TEST(TagValue, FirstElementEndTagOffsetIterationAndBounds) {
     char out[16] = "keep";
     EXPECT_EQ(-1, _get_valuefromstring_v1("a<x>12", "<x>", "</x>", out));
     EXPECT_STREQ("keep", out);  // untouched when a tag is missing
@@ -36,17 +36,16 @@ TEST(TagValue, FirstElementEndTagOffsetAndIteration) {
         p += at + 5;
     }
     EXPECT_EQ("[a][bc][]", seen);
-}
 
-TEST(TagValue, OverlongOrMisorderedValueStaysInsideBuffer) {
+    // Over-long or misordered values stay inside the buffer.
     Guarded<8> g;
     const std::string text = "<x>" + std::string(500, 'v') + "</x>";
     EXPECT_EQ(503, _get_valuefromstring_v1(text.c_str(), "<x>", "</x>", g.buf, sizeof g.buf));
     EXPECT_EQ(std::string(7, 'v'), g.buf);
     EXPECT_TRUE(g.intact());
-    char out[8] = {};
-    EXPECT_EQ(0, _get_valuefromstring_v1("</x>abc<x>", "<x>", "</x>", out));
-    EXPECT_STREQ("", out);
+    char misordered[8] = {};
+    EXPECT_EQ(0, _get_valuefromstring_v1("</x>abc<x>", "<x>", "</x>", misordered));
+    EXPECT_STREQ("", misordered);
 }
 
 TEST(StringSearch, FindstrKeepsItsSimpleScan) {
@@ -77,7 +76,7 @@ TEST(StringSplit, SizedFormsAreBoundedAndKeepLegacyResults) {
     EXPECT_TRUE(key.intact() && value.intact() && name.intact());
 }
 
-TEST(StringCharset, Utf8ToGb2312ReportsSpaceLeftNotBytesWritten) {
+TEST(StringCharset, BothWaysReportSpaceLeftAndPaddedNamesConvert) {
     char out[6];
     int left = -1;
     ASSERT_EQ(1, UTF8ToCHAR(kUtf8Zhongwen, 6, out, left));
@@ -86,17 +85,13 @@ TEST(StringCharset, Utf8ToGb2312ReportsSpaceLeftNotBytesWritten) {
     left = 42;
     EXPECT_EQ(0, UTF8ToCHAR("\xff\xfe", 2, out, left));  // not UTF-8
     EXPECT_EQ(42, left);
-}
 
-TEST(StringCharset, PaddedGbNameConvertsAlthoughTheZeroTailDoesNotFit) {
     // Callers pass a zero-padded record field: the text converts, then the padding runs out
     // of space, so the result is 0 while the output holds the whole name.
-    char name[8] = {};
+    char name[8] = {}, utf8[8];
     std::memcpy(name, kGbZhongwen, 4);
-    char out[8];
-    int left = 0;
-    EXPECT_EQ(0, CHARToUTF8(name, sizeof name, out, left));
-    EXPECT_STREQ(kUtf8Zhongwen, out);
+    EXPECT_EQ(0, CHARToUTF8(name, sizeof name, utf8, left));
+    EXPECT_STREQ(kUtf8Zhongwen, utf8);
 }
 
 }  // namespace

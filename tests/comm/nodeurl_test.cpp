@@ -74,7 +74,7 @@ TEST_F(NodeUrlTest, RoutePaths) {
     EXPECT_FALSE(Path(5).empty());  // ends despite the parent cycle
 }
 
-TEST_F(NodeUrlTest, PlayAddressesOfDevicesAndChannels) {
+TEST_F(NodeUrlTest, PlayAddressesAndMissingRecords) {
     const struct {
         int id, type;
         std::string url;
@@ -91,9 +91,7 @@ TEST_F(NodeUrlTest, PlayAddressesOfDevicesAndChannels) {
         {300, DEVICE_NODE, kRoute + "//:8000:u:p:0:1"},
     };
     for (const auto& c : cases) EXPECT_EQ(c.url, Url(c.id, c.type));
-    const _hcrecord_Info* d = GetDeviceInfoByID(m_arrRecordInfos, 300);
-    EXPECT_EQ('\0', d->dev.szSerial[0]);
-    EXPECT_STREQ(".100.7", d->dev.szIP + 7);
+    EXPECT_STREQ(".100.7", GetDeviceInfoByID(m_arrRecordInfos, 300)->dev.szIP + 7);
 
     char url[kNodeUrlSize] = "untouched";
     EXPECT_EQ(1, GetUrlFromNode(50, DOMAIN_NODE, url));
@@ -101,9 +99,7 @@ TEST_F(NodeUrlTest, PlayAddressesOfDevicesAndChannels) {
     char small[12];
     EXPECT_EQ(1, GetUrlFromNode(100, DEVICE_NODE, small, sizeof(small)));
     EXPECT_STREQ("rtsp://10.1", small);
-}
 
-TEST_F(NodeUrlTest, MissingRecordsFail) {
     cat.Channel(500, 999, 1);
     cat.Device(302, 4, "DEV302", "10.0.0.5", 8000);
     cat.Registration(77, 302, "DEV302");  // its server does not exist
@@ -233,11 +229,8 @@ TEST(RtspTemplate, ExpandsKnownNamesOnly) {
     EXPECT_EQ("0 untouched", Rtsp(nullptr, 1));
 
     CatalogBuilder cat;  // releases the templates again
-    for (int link : {0, 1}) {
-        m_arrRtspString.push_back(new _RtspHelpString());
-        m_arrRtspString.back()->type = 5;
-        m_arrRtspString.back()->link = link;
-    }
+    for (int link : {0, 1})
+        m_arrRtspString.push_back(new _RtspHelpString{{}, false, link, 5, 0, {}, {}});
     EXPECT_EQ(m_arrRtspString[1], GetRtspHelp(5));
     EXPECT_EQ(nullptr, GetRtspHelp(6));
 }
@@ -262,20 +255,16 @@ TEST(DomainServer, PacksTheDomainAndItsChildren) {
     ASSERT_EQ(1, GetDomainServer("DOM-SN", buf, len));
     std::unique_ptr<char[]> owned(buf);
     ASSERT_EQ(2 * DOMAIN_BASE_SIZE, len);
-    EXPECT_STREQ("3", buf);  // the id as text
-    EXPECT_STREQ("172.16.0.1", buf + 50);
-    EXPECT_STREQ("S3", buf + 100);
-    EXPECT_EQ(5060, I32(buf + 252));
-    EXPECT_EQ(8080, I32(buf + 256));
-    EXPECT_STREQ("du", buf + 260);
-    EXPECT_EQ(2, I32(buf + 304));
-    EXPECT_EQ(3, I32(buf + 308));
+    // The id goes as text; the child inherits the parent's p_code.
+    const int child = DOMAIN_BASE_SIZE;
+    const std::pair<int, const char*> texts[] = {
+        {0, "3"}, {50, "172.16.0.1"}, {100, "S3"}, {260, "du"}, {child, "4"}, {child + 150, "P3"}};
+    for (const auto& [at, text] : texts) EXPECT_STREQ(text, buf + at) << at;
+    const std::pair<int, int> numbers[] = {
+        {252, 5060}, {256, 8080}, {304, 2}, {308, 3}, {child + 256, 81}};
+    for (const auto& [at, value] : numbers) EXPECT_EQ(value, I32(buf + at)) << at;
     EXPECT_EQ(1, buf[312]);
     for (int i : {2, 49, 250, 251, 313, 314, 315}) EXPECT_EQ(0, buf[i]) << i;
-    const char* child = buf + DOMAIN_BASE_SIZE;
-    EXPECT_STREQ("4", child);
-    EXPECT_STREQ("P3", child + 150);  // inherits the parent's p_code
-    EXPECT_EQ(81, I32(child + 256));
 
     char* none = nullptr;
     EXPECT_EQ(0, GetDomainServer("nope' or '1'='1", none, len));

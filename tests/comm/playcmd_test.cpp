@@ -48,10 +48,10 @@ TEST(CommandString, DeviceFieldsAndQueries) {
 }
 
 TEST(CommandString, MalformedTruncatedAndOverlong) {
-    EXPECT_EQ('0', Command("rtsp://10.0.0.5:8000:u:p:2:3")[0]);  // no query
-    EXPECT_EQ('1', Command("rtsp://10.0.0.5:8000:u:p:2:3", true)[0]);
-    EXPECT_EQ('0', Command("http://10.0.0.5:8000:u:p:2:3?live=1")[0]);
-    EXPECT_EQ('0', Command("rtsp://h:1:u:p:2:3?replay=2024-1-2")[0]);
+    for (const char* bad : {"rtsp://10.0.0.5:8000:u:p:2:3", "http://10.0.0.5:8000:u:p:2:3?live=1",
+                            "rtsp://h:1:u:p:2:3?replay=2024-1-2"})
+        EXPECT_EQ('0', Command(bad)[0]) << bad;
+    EXPECT_EQ('1', Command("rtsp://10.0.0.5:8000:u:p:2:3", true)[0]);  // needs no query
     EXPECT_EQ(0, GetCommandFromString(nullptr, nullptr));
     // Cut short: failure, with the fields read so far.
     EXPECT_EQ(0u, Command("rtsp://10.0.0.5:8000:u:p?live=1").find("0 10.0.0.5|8000|u||0|"));

@@ -13,6 +13,13 @@
 
 namespace {
 
+// The fields of the local file on one line: ports, serial, route, cms link, address, port.
+std::string Local(const _LoaclParam& p) {
+    return std::to_string(p.nPort) + " " + std::to_string(p.nHttpPort) + " " + p.szSerial + " " +
+           p.szRouteIP + " " + std::to_string(p.bLinkCms) + " " + p.szCmsIP + " " +
+           std::to_string(p.nCmsPort);
+}
+
 // Points the readers at a temporary settings directory for each test.
 class Settings : public ::testing::Test {
 protected:
@@ -31,6 +38,11 @@ protected:
     void Write(const char* name, const std::string& text) {
         std::ofstream(dir_ + "/" + name, std::ios::binary) << text;
     }
+    std::string Path(size_t i) const {
+        const _file_path* p = paths_[i];
+        return std::string(p->name) + " " + std::to_string(p->type) + " " +
+               std::to_string(p->mode) + " " + p->path;
+    }
     std::string dir_;
     std::vector<_file_path*> paths_;
 };
@@ -40,9 +52,7 @@ TEST_F(Settings, ShippedFilesDescribeTheEmbeddedSetup) {
 
     _LoaclParam local{};
     ASSERT_EQ(1, readconfig(&local));
-    EXPECT_EQ(7001, local.nPort);
-    EXPECT_EQ(7080, local.nHttpPort);
-    EXPECT_STREQ("34020000002000000001", local.szSerial);
+    EXPECT_EQ(0u, Local(local).find("7001 7080 34020000002000000001 "));
     EXPECT_FALSE(local.bLinkCms);
     EXPECT_NE(local.nPort, local.nCmsPort);  // the top-level port was read, not the cms one
 
@@ -79,34 +89,26 @@ TEST_F(Settings, ShippedFilesDescribeTheEmbeddedSetup) {
 }
 
 TEST_F(Settings, LocalFileFieldsAndTheOrderQuirk) {
-    _LoaclParam none{};
-    EXPECT_EQ(0, readconfig(&none));  // missing
+    _LoaclParam p{};
+    EXPECT_EQ(0, readconfig(&p));  // missing
     Write("cmslocal.xml", "<port>7001</port>");
-    EXPECT_EQ(0, readconfig(&none));  // no <cfg>
-    EXPECT_EQ(0, none.nPort);
+    EXPECT_EQ(0, readconfig(&p));  // no <cfg>
+    EXPECT_EQ(0, p.nPort);
 
     Write("cmslocal.xml",
           "<cfg><port>7001</port><hport>7080</hport><sn>SN1</sn>"
           "<cms><en>7</en><ip>10.1.1.1</ip><port>9000</port></cms></cfg>");
-    _LoaclParam p{};
-    std::strcpy(p.szRouteIP, "kept");
+    std::strcpy(p.szRouteIP, "kept");  // a missing element leaves the field alone
     ASSERT_EQ(1, readconfig(&p));
-    EXPECT_EQ(7001, p.nPort);
-    EXPECT_EQ(7080, p.nHttpPort);
-    EXPECT_STREQ("SN1", p.szSerial);
-    EXPECT_STREQ("kept", p.szRouteIP);  // a missing element leaves the field alone
-    EXPECT_TRUE(p.bLinkCms);
-    EXPECT_STREQ("10.1.1.1", p.szCmsIP);
-    EXPECT_EQ(9000, p.nCmsPort);
+    EXPECT_EQ("7001 7080 SN1 kept 1 10.1.1.1 9000", Local(p));
 
     // The cms block first: its port is the first one found, so both ports take it.
     Write("cmslocal.xml",
           "<cfg><cms><en>0</en><port>9000</port></cms><port>7001</port><hport>1</hport></cfg>");
     _LoaclParam q{};
     ASSERT_EQ(1, readconfig(&q));
-    EXPECT_EQ(9000, q.nPort);
-    EXPECT_EQ(9000, q.nCmsPort);
-    EXPECT_FALSE(q.bLinkCms);
+    EXPECT_EQ((std::vector<int>{q.nPort, q.nCmsPort, q.bLinkCms}),
+              (std::vector<int>{9000, 9000, 0}));
 }
 
 TEST_F(Settings, OverlongLocalValuesAreCutToTheirFields) {
@@ -115,12 +117,9 @@ TEST_F(Settings, OverlongLocalValuesAreCutToTheirFields) {
                               "</ip><port>1</port></cms></cfg>");
     _LoaclParam p{};
     ASSERT_EQ(1, readconfig(&p));
-    EXPECT_EQ(std::string(49, 's'), p.szSerial);
-    EXPECT_EQ('\0', p.szDirect[0]);  // the field after szSerial is untouched
-    EXPECT_EQ(std::string(99, 'r'), p.szRouteIP);
     // The cms block is cut to its buffer before the inner search: no </ip> remains in it.
-    EXPECT_EQ('\0', p.szCmsIP[0]);
-    EXPECT_EQ(0, p.nCmsPort);
+    EXPECT_EQ("7001 0 " + std::string(49, 's') + " " + std::string(99, 'r') + " 0  0", Local(p));
+    EXPECT_EQ('\0', p.szDirect[0]);  // the field after szSerial is untouched
 }
 
 TEST_F(Settings, FilePathsInFileOrderEvenWhenMalformed) {
@@ -129,14 +128,10 @@ TEST_F(Settings, FilePathsInFileOrderEvenWhenMalformed) {
           "<path><name>b</name></path></path>x<path><name>z</name></paths>");
     ASSERT_EQ(1, readfilepath(paths_));
     ASSERT_EQ(3u, paths_.size());
-    EXPECT_STREQ("a", paths_[0]->name);
-    EXPECT_EQ(1, paths_[0]->type);
-    EXPECT_EQ(1, paths_[0]->mode);
-    EXPECT_STREQ("/a/", paths_[0]->path);
-    EXPECT_STREQ("b", paths_[1]->name);
-    EXPECT_EQ('\0', paths_[1]->path[0]);  // missing elements stay zero
+    EXPECT_EQ("a 1 1 /a/", Path(0));
+    EXPECT_EQ("b 0 0 ", Path(1));  // missing elements stay zero
     // A stray end tag still yields an (empty) record; the unclosed last entry ends the list.
-    EXPECT_EQ('\0', paths_[2]->name[0]);
+    EXPECT_EQ(" 0 0 ", Path(2));
     ReleaseArray(paths_);
 
     std::string many = "<paths>";

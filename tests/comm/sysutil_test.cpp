@@ -78,10 +78,10 @@ TEST_F(SysFiles, SizesAndPathJoining) {
     std::fclose(s);
 
     char out[256] = {};
-    Getfilepath("dir/", "f", out);
-    EXPECT_STREQ("dir/f", out);
-    Getfilepath("dir", "f", out);
-    EXPECT_STREQ("dir/f", out);
+    for (const char* dir : {"dir/", "dir"}) {
+        Getfilepath(dir, "f", out);
+        EXPECT_STREQ("dir/f", out) << dir;
+    }
     char small[6];
     Getfilepath(std::string(400, 'd').c_str(), "name", small, sizeof small);
     EXPECT_STREQ("ddddd", small);
@@ -124,29 +124,25 @@ TEST(SysAddresses, DottedTextAndNodeCodes) {
     for (int i = 0; i < 300; ++i) longText += "1.";
     EXPECT_TRUE(IsIpAddress(longText.c_str()));
 
-    EXPECT_EQ(1, IsNodeGbRegion("34020000002160000001"));
-    EXPECT_EQ(0, IsNodeGbRegion("34020000001320000001"));
-    EXPECT_EQ(1, IsNodeGbRegion("340200"));
-    EXPECT_EQ(-1, IsNodeGbRegion("340200000021600000011"));
+    const std::pair<const char*, int> codes[] = {{"34020000002160000001", 1},
+                                                 {"34020000001320000001", 0},
+                                                 {"340200", 1},
+                                                 {"340200000021600000011", -1}};
+    for (const auto& [code, region] : codes) EXPECT_EQ(region, IsNodeGbRegion(code)) << code;
 }
 
 // The seam holds a fake for the whole test; the machine is never rebooted.
 int g_lastCmd = 0;
-int g_result = 0;
-int FakeReboot(int cmd) {
-    g_lastCmd = cmd;
-    return g_result;
-}
 
 TEST(SysReboot, ModeChoosesPowerOffOrRestart) {
-    const RebootFunc previous = SetRebootFunc(&FakeReboot);
+    const RebootFunc previous = SetRebootFunc([](int cmd) { return g_lastCmd = cmd, 0; });
     EXPECT_TRUE(SystemReboot(1));
     EXPECT_EQ(static_cast<int>(LINUX_REBOOT_CMD_POWER_OFF), g_lastCmd);
     EXPECT_TRUE(SystemReboot(7));
     EXPECT_EQ(static_cast<int>(LINUX_REBOOT_CMD_RESTART), g_lastCmd);
-    g_result = -1;
+    SetRebootFunc([](int) { return -1; });
     EXPECT_FALSE(SystemReboot(0));
-    EXPECT_EQ(&FakeReboot, SetRebootFunc(previous));
+    SetRebootFunc(previous);
 }
 
 TEST(SysBase64, VectorsRoundTripAndRefusals) {
