@@ -75,6 +75,12 @@ CCMSSvrDlg::~CCMSSvrDlg() {
     LocalIntvProcessRun(false);
     RunMessageServer(false);
     RunHttpServer(false);
+    // Nothing can reach the catalogue any more; free it so that leak checkers stay quiet.
+    ReleaseData();
+    {
+        CatalogWriteLock lock(csCatalog);
+        ReleaseArray(m_arrMediaRegInfos);
+    }
     ReleaseArray(m_arrFilePath);
     if (pMainDlg == this) pMainDlg = nullptr;
 }
