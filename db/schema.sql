@@ -239,19 +239,8 @@ CREATE TABLE IF NOT EXISTS devdiagnoselog (
   KEY idx_devdiagnoselog_loctime (loctime)
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
 
-CREATE TABLE IF NOT EXISTS devrunlog (
-  id        BIGINT NOT NULL AUTO_INCREMENT,
-  nodeid    INT DEFAULT 0,
-  nodetype  INT DEFAULT 0,
-  eventtype INT DEFAULT 0,
-  param     INT DEFAULT 0,
-  descript  VARCHAR(1024) DEFAULT '',
-  logtime   DATETIME NULL,
-  loctime   DATETIME NULL,
-  PRIMARY KEY (id),
-  KEY idx_devrunlog_node (nodeid, nodetype),
-  KEY idx_devrunlog_loctime (loctime)
-) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
+-- The run log has the columns of the diagnosis log.
+CREATE TABLE IF NOT EXISTS devrunlog LIKE devdiagnoselog;
 
 -- Analytics alarms from text buffers; `cstatus` 1 marks an alarm an operator confirmed.
 CREATE TABLE IF NOT EXISTS intveventlog (
@@ -271,20 +260,7 @@ CREATE TABLE IF NOT EXISTS intveventlog (
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
 
 -- Analytics alarms that arrived as structured records.
-CREATE TABLE IF NOT EXISTS intveventlog2 (
-  id        BIGINT NOT NULL AUTO_INCREMENT,
-  nodeid    INT DEFAULT 0,
-  nodetype  INT DEFAULT 0,
-  eventtype INT DEFAULT 0,
-  param     INT DEFAULT 0,
-  descript  VARCHAR(1024) DEFAULT '',
-  logtime   DATETIME NULL,
-  loctime   DATETIME NULL,
-  cstatus   INT DEFAULT 0,
-  PRIMARY KEY (id),
-  KEY idx_intveventlog2_node (nodeid, nodetype),
-  KEY idx_intveventlog2_loctime (loctime)
-) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
+CREATE TABLE IF NOT EXISTS intveventlog2 LIKE intveventlog;
 
 CREATE TABLE IF NOT EXISTS faceeventlog (
   id        BIGINT NOT NULL AUTO_INCREMENT,
@@ -302,21 +278,7 @@ CREATE TABLE IF NOT EXISTS faceeventlog (
   KEY idx_faceeventlog_loctime (loctime)
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
 
-CREATE TABLE IF NOT EXISTS faceeventlog2 (
-  id        BIGINT NOT NULL AUTO_INCREMENT,
-  nodeid    INT DEFAULT 0,
-  nodetype  INT DEFAULT 0,
-  personid  INT DEFAULT 0,
-  age       INT DEFAULT 0,
-  gender    INT DEFAULT 0,
-  alike     INT DEFAULT 0,
-  status    INT DEFAULT 0,
-  logtime   DATETIME NULL,
-  loctime   DATETIME NULL,
-  PRIMARY KEY (id),
-  KEY idx_faceeventlog2_person (personid),
-  KEY idx_faceeventlog2_loctime (loctime)
-) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
+CREATE TABLE IF NOT EXISTS faceeventlog2 LIKE faceeventlog;
 
 -- ---------------------------------------------------------------- analytics configuration
 
