@@ -11,11 +11,11 @@
 #include <random>
 #include <string>
 
-#include "CmsSvrDlg.h"
 #include "benchdb.h"
 #include "comm/globle.h"
 #include "comm/sysutil.h"
 #include "mysql/sqldbop.h"
+#include "server/CmsSvrDlg.h"
 
 namespace {
 

@@ -163,10 +163,3 @@ int ParasModelObjectListFromXML(const char* text, std::vector<_model_object_info
     ReadList(text, "object", objects, ParasModelObjectFromXML);
     return 1;
 }
-
-int ParasRegistFromXML(const char* text, _dev_register* registration) {
-    if (!text || !registration) return 0;
-    ReadText(text, "dev", registration->serial);
-    ReadInt(text, "st", registration->state);
-    return 1;
-}

@@ -14,8 +14,6 @@
 #include <cstdint>
 #include <vector>
 
-#include "mysql/dbrecords.h"
-
 // ---- Camera and ability documents ----
 
 struct _cammera_info {
@@ -99,8 +97,6 @@ int ParasDeepModelListFromXML(const char* text, std::vector<_model_lib_info*>& m
 int ParasModelObjectFromXML(const char* text, _model_object_info* object);
 // Every "<object>" element into new records appended to `objects`; 1 also for none.
 int ParasModelObjectListFromXML(const char* text, std::vector<_model_object_info*>& objects);
-// Registration notice: "<dev>" to `serial`, "<st>" to `state`; nothing else is touched.
-int ParasRegistFromXML(const char* text, _dev_register* registration);
 
 // ---- Rule documents ----
 

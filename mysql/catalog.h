@@ -20,3 +20,15 @@ extern std::shared_mutex csCatalog;
 
 using CatalogReadLock = std::shared_lock<std::shared_mutex>;
 using CatalogWriteLock = std::unique_lock<std::shared_mutex>;
+
+#include <vector>
+
+#include "mysql/dbrecords.h"
+
+// The catalogue (guarded by csCatalog).
+extern std::vector<_msg_region_base*> m_arrRegionInfos;
+extern std::vector<_hcrecord_Info*> m_arrRecordInfos;
+extern std::vector<_msg_video_record_base*> m_arrVideoChanInfos;
+extern std::vector<_sysserver_info*> m_arrServerFromDB;
+extern std::vector<_domain_info*> m_arrDomainFromDB;
+extern std::vector<_dev_register*> m_arrMediaRegInfos;

@@ -8,6 +8,7 @@
 
 #include "mysql/MysqlDB.h"
 #include "mysql/MysqlRecordSet.h"
+#include "mysql/catalog.h"
 #include "mysql/dbrecords.h"
 #include "mysql/eventwriter.h"
 #include "mysql/nodecatalog.h"
@@ -30,8 +31,7 @@ void EscapeSql(CMysqlDB* db, const char* in, char* out, size_t outSize);
 // ---- Loaders: append one new heap record per row ----
 void GetRegion_FromDB(CMysqlDB* db, const char* sql, std::vector<_msg_region_base*>& out);
 void GetVideoDev_FromDB(CMysqlDB* db, const char* sql, std::vector<_hcrecord_Info*>& out);
-void GetVideoChan_FromDB(CMysqlDB* db, const char* sql,
-                         std::vector<_msg_video_record_base*>& out);
+void GetVideoChan_FromDB(CMysqlDB* db, const char* sql, std::vector<_msg_video_record_base*>& out);
 void GetSystemServer_FromDB(CMysqlDB* db, const char* sql, std::vector<_sysserver_info*>& out);
 void GetDomain_FromDB(CMysqlDB* db, const char* sql, std::vector<_domain_info*>& out);
 void GetRegist_FromDB(CMysqlDB* db, const char* sql, std::vector<_dev_register*>& out);
@@ -39,8 +39,7 @@ void GetSystemServerChan_FromDB(CMysqlDB* db, const char* sql,
                                 std::vector<_msg_serverchan_base*>& out);
 void GetServerChan_FromDB(CMysqlDB* db, const char* sql, std::vector<_msg_serverchan_v2*>& out);
 void GetDevGroup_FromDB(CMysqlDB* db, const char* sql, std::vector<_msg_devgroup_base*>& out);
-void GetDevGroupChan_FromDB(CMysqlDB* db, const char* sql,
-                            std::vector<_msg_changroup_base*>& out);
+void GetDevGroupChan_FromDB(CMysqlDB* db, const char* sql, std::vector<_msg_changroup_base*>& out);
 bool GetServerChan_FromDB(int id, _msg_serverchan_base* out);
 int GetDomainSeverFromDB(const char* serial, std::vector<domain_base*>& list);
 
@@ -48,8 +47,7 @@ int GetDomainSeverFromDB(const char* serial, std::vector<domain_base*>& list);
 _msg_region_base* GetRegionInfobyID(const std::vector<_msg_region_base*>& v, int id);
 _msg_region_base* GetRegion(const std::vector<_msg_region_base*>& v, int id);
 _msg_region_base* GetRegionInfobyType(const std::vector<_msg_region_base*>& v, int type);
-_msg_region_base* GetRegionInfobySerial(const std::vector<_msg_region_base*>& v,
-                                        const char* code);
+_msg_region_base* GetRegionInfobySerial(const std::vector<_msg_region_base*>& v, const char* code);
 _msg_region_base* GetParentRegion(const _msg_region_base* region,
                                   const std::vector<_msg_region_base*>& v);
 _msg_region_base* GetRootRegion(const std::vector<_msg_region_base*>& v);
@@ -57,8 +55,7 @@ _hcrecord_Info* GetDeviceInfoByID(const std::vector<_hcrecord_Info*>& v, int id)
 _hcrecord_Info* GetDeviceInfoByLogin(const std::vector<_hcrecord_Info*>& v, int login);
 _hcrecord_Info* GetDeviceInfoByCode(const std::vector<_hcrecord_Info*>& v, const char* code);
 _hcrecord_Info* GetDeviceInfoBySerial(const std::vector<_hcrecord_Info*>& v, const char* serial);
-_msg_video_record_base* GetVideoChanInfoByID(const std::vector<_msg_video_record_base*>& v,
-                                             int id);
+_msg_video_record_base* GetVideoChanInfoByID(const std::vector<_msg_video_record_base*>& v, int id);
 _msg_video_record_base* GetVideoChanInfoByDev(const std::vector<_msg_video_record_base*>& v,
                                               int devId, int chan, int type);
 _msg_video_record_base* GetVideoChanInfoByCode(const std::vector<_msg_video_record_base*>& v,
@@ -74,8 +71,7 @@ _domain_info* GetDomainInfoByID(const std::vector<_domain_info*>& v, int id);
 _domain_info* GetDomainInfoByLogin(const std::vector<_domain_info*>& v, int login);
 _domain_info* GetDomainInfoByCode(const std::vector<_domain_info*>& v, const char* code);
 _domain_info* GetDomainInfoBySerial(const std::vector<_domain_info*>& v, const char* serial);
-_dev_register* GetMediaRegistInfoBySerial(const std::vector<_dev_register*>& v,
-                                          const char* serial);
+_dev_register* GetMediaRegistInfoBySerial(const std::vector<_dev_register*>& v, const char* serial);
 _msg_devgroup_base* GetGroup(int id, const std::vector<_msg_devgroup_base*>& v);
 _msg_devgroup_base* GetGroupFromCode(const char* code, const std::vector<_msg_devgroup_base*>& v);
 _msg_serverchan_v2* GetChanInfoByServer(const std::vector<_msg_serverchan_v2*>& v, int serverId,

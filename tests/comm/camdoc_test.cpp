@@ -108,14 +108,6 @@ TEST(AbilityDocTest, ModelsObjectsAndRegistration) {
     EXPECT_STREQ(objects[0]->szDescript, "car");
     ReleaseArray(objects);
     EXPECT_EQ(ParasModelObjectListFromXML("", objects), 1);
-
-    _dev_register reg{};
-    std::string notice = "<dev>" + std::string(60, 'S') + "</dev><st>3</st><ip>1.2.3.4</ip>";
-    ASSERT_EQ(ParasRegistFromXML(notice.c_str(), &reg), 1);
-    EXPECT_EQ(strlen(reg.serial), 31u);
-    EXPECT_EQ(reg.state, 3);
-    EXPECT_STREQ(reg.ip, "");
-    EXPECT_EQ(ParasRegistFromXML(nullptr, &reg), 0);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 
 #include "comm/globle.h"
 #include "comm/sysutil.h"
+#include "mysql/catalog.h"
 
 namespace cmstest {
 

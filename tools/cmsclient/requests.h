@@ -16,9 +16,9 @@
 
 #include "cmsclient/msghead.h"
 #include "comm/msgdefine.h"
-#include "comm/nodeurl.h"
 #include "mysql/dbrecords.h"
 #include "mysql/nodecatalog.h"
+#include "nodes/nodeurl.h"
 
 namespace cmsclient {
 

@@ -6,11 +6,12 @@
 #include <string>
 #include <vector>
 
-#include "CmsSvrDlg.h"
 #include "comm/globle.h"
 #include "comm/msgdefine.h"
 #include "comm/sysutil.h"
+#include "media/devoperate.h"
 #include "mysql/sqldbop.h"
+#include "server/CmsSvrDlg.h"
 #include "support/catalogbuilder.h"
 #include "support/daemon.h"
 #include "support/testdb.h"

@@ -1,4 +1,4 @@
-#include "comm/nodeurl.h"
+#include "nodes/nodeurl.h"
 
 #include <gtest/gtest.h>
 

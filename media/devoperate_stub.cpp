@@ -1,6 +1,15 @@
 // Placeholder until the media pools land: no session can be started yet, so every
 // consumer start reports failure and its caller cleans up.
-#include "comm/devoperate.h"
+#include "media/devoperate.h"
+
+std::vector<_USER_CMD_INFO*> m_arrUserInfos;
+std::mutex csRecorder;
+
+std::mutex semDvrCheck;
+std::mutex csCameraLink;
+std::mutex csMediaCheck;
+std::mutex csStackCheck;
+std::mutex semaphoreUserCheck;
 
 int VornMediaPlay(const char* url, _USER_CMD_INFO* info) { return 0; }
 

@@ -42,9 +42,9 @@ TEST(Daemon, WaitsForTheDatabaseWithoutOpeningPorts) {
     auto took = std::chrono::steady_clock::now() - start;
     // Three attempts a second apart: about two seconds, never a busy loop.
     EXPECT_GE(took, 1500ms);
-    EXPECT_NE(d.Output().find("ip:127.0.0.1 port:" + std::to_string(s.dbPort) +
-                              " user:cms pass:cms)"),
-              std::string::npos)
+    EXPECT_NE(
+        d.Output().find("ip:127.0.0.1 port:" + std::to_string(s.dbPort) + " user:cms pass:cms)"),
+        std::string::npos)
         << d.Output();
     EXPECT_FALSE(CanConnect(s.port));
     EXPECT_FALSE(CanConnect(s.httpPort));

@@ -32,6 +32,8 @@ int GetDomainRegistor(const char* baseUrl, std::vector<_dev_register*>& list);
 // were appended.
 int ParasMediaRegistor(const char* reply, std::vector<_dev_register*>& list);
 int ParasDomainRegistor(const char* reply, std::vector<_dev_register*>& list);
+// Registration notice: "<dev>" to `serial`, "<st>" to `state`; nothing else is touched.
+int ParasRegistFromXML(const char* text, _dev_register* registration);
 
 // ---- Merge ----
 // Merges one registration that `server` reported. `server` is the caller's copy of the

@@ -5,11 +5,11 @@
 #include <cstring>
 #include <memory>
 
-#include "CmsSvrDlg.h"
 #include "comm/globle.h"
 #include "comm/msgdefine.h"
 #include "comm/sysutil.h"
 #include "mysql/sqldbop.h"
+#include "server/CmsSvrDlg.h"
 #include "support/daemon.h"
 #include "support/testdb.h"
 

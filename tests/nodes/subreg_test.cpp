@@ -1,16 +1,17 @@
 // Sub-server registration: the list readers, the fetch over the command channel (against a
 // small HTTP peer) and the merge into the table and the catalogue.
-#include "comm/subreg.h"
+#include "nodes/subreg.h"
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <memory>
 #include <string>
 
-#include "CmsSvrDlg.h"
 #include "comm/globle.h"
 #include "comm/sysutil.h"
 #include "mysql/sqldbop.h"
+#include "server/CmsSvrDlg.h"
 #include "support/daemon.h"
 #include "support/httppeer.h"
 #include "support/testdb.h"
@@ -52,6 +53,14 @@ TEST(SubRegReaders, MediaElementsAndTheirFixedAdvance) {
         1);
     EXPECT_EQ(std::string(hostile.v[0]->serial), std::string(31, 'S'));
     EXPECT_EQ(ParasMediaRegistor(nullptr, hostile.v), 0);
+
+    _dev_register reg{};
+    std::string notice = "<dev>" + std::string(60, 'S') + "</dev><st>3</st><ip>1.2.3.4</ip>";
+    ASSERT_EQ(ParasRegistFromXML(notice.c_str(), &reg), 1);
+    EXPECT_EQ(strlen(reg.serial), 31u);
+    EXPECT_EQ(reg.state, 3);
+    EXPECT_STREQ(reg.ip, "");
+    EXPECT_EQ(ParasRegistFromXML(nullptr, &reg), 0);
 }
 
 TEST(SubRegFetch, AsksTheServerOverItsConfigurationPath) {

@@ -1,7 +1,6 @@
 // Entry points whose work arrives with later features; see docs/STATUS.md.
-#include "CmsSvrDlg.h"
+#include "server/CmsSvrDlg.h"
 
 void CCMSSvrDlg::MessageProcessRun(bool start) {}
 void CCMSSvrDlg::LocalIntvProcessRun(bool start) {}
-void CCMSSvrDlg::HttpCallBack(int clientId, unsigned char* data, int length,
-                              CCMSSvrDlg* self) {}
+void CCMSSvrDlg::HttpCallBack(int clientId, unsigned char* data, int length, CCMSSvrDlg* self) {}

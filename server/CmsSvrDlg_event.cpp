@@ -15,15 +15,15 @@
 #include <cstring>
 #include <vector>
 
-#include "CmsSvrDlg.h"
 #include "VornNetSDK.h"
-#include "comm/devoperate.h"
 #include "comm/filestore.h"
 #include "comm/globle.h"
 #include "comm/msgdefine.h"
-#include "comm/nodeurl.h"
 #include "comm/sysutil.h"
+#include "media/devoperate.h"
 #include "mysql/sqldbop.h"
+#include "nodes/nodeurl.h"
+#include "server/CmsSvrDlg.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "CmsSvrDlg.h"
+#include "server/CmsSvrDlg.h"
 
 #include <unistd.h>
 
@@ -10,6 +10,10 @@
 #include "comm/globle.h"
 #include "comm/sysutil.h"
 #include "mysql/sqldbop.h"
+
+CCMSSvrDlg* pMainDlg = nullptr;
+volatile std::sig_atomic_t bKillProg = 0;
+volatile std::sig_atomic_t m_nRemoteOperate = 0;
 
 namespace {
 
@@ -156,8 +160,8 @@ long CCMSSvrDlg::GetLastRegion(CMysqlDB* db) {
 void CCMSSvrDlg::RunMessageServer(bool start) {
     if (start) {
         if (m_cfgLocalParam.nPort <= 0) return;
-        m_nServerID = VornStartServer(m_cfgLocalParam.nPort, VORN_MODE_MESSAGE,
-                                      MessageTrampoline, this);
+        m_nServerID =
+            VornStartServer(m_cfgLocalParam.nPort, VORN_MODE_MESSAGE, MessageTrampoline, this);
         printf("Start server port:%d\n", m_cfgLocalParam.nPort);
     } else if (m_nServerID != -1) {
         VornStopServer(m_nServerID);
@@ -169,8 +173,8 @@ void CCMSSvrDlg::RunMessageServer(bool start) {
 void CCMSSvrDlg::RunHttpServer(bool start) {
     if (start) {
         if (m_cfgLocalParam.nHttpPort <= 0) return;
-        m_nHttpServerID = VornStartServer(m_cfgLocalParam.nHttpPort, VORN_MODE_HTTP,
-                                          HttpTrampoline, this);
+        m_nHttpServerID =
+            VornStartServer(m_cfgLocalParam.nHttpPort, VORN_MODE_HTTP, HttpTrampoline, this);
         printf("Start http port:%d\n", m_cfgLocalParam.nHttpPort);
     } else if (m_nHttpServerID != -1) {
         VornStopServer(m_nHttpServerID);
@@ -193,8 +197,7 @@ void CCMSSvrDlg::LoopOnce() {
             // number there, and log watchers match it.
             printf("load data faild(db:%d ip:%s port:%d user:%s pass:%s)\n",
                    static_cast<int>(reinterpret_cast<intptr_t>(m_cfgCms.szDbName)),
-                   m_cfgCms.szDbAddr, m_cfgCms.szDbPort, m_cfgCms.szDbUser,
-                   m_cfgCms.szDbPass);
+                   m_cfgCms.szDbAddr, m_cfgCms.szDbPort, m_cfgCms.szDbUser, m_cfgCms.szDbPass);
         }
     }
     if (m_nRemoteOperate == 1) {

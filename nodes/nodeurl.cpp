@@ -1,6 +1,6 @@
 // Node addresses: play and configuration addresses, link answers, node classification,
 // RTSP templates and domain-server lists.
-#include "comm/nodeurl.h"
+#include "nodes/nodeurl.h"
 
 #include <cstdio>
 #include <cstring>

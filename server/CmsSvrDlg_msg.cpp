@@ -12,16 +12,17 @@
 #include <mutex>
 #include <new>
 
-#include "CmsSvrDlg.h"
-#include "CmsSvrDlg_handlers.h"
 #include "VornNetSDK.h"
 #include "comm/filestore.h"
 #include "comm/globle.h"
 #include "comm/localdata.h"
-#include "comm/nodeurl.h"
-#include "comm/subreg.h"
+#include "media/devoperate.h"
 #include "mysql/nodecatalog.h"
 #include "mysql/sqldbop.h"
+#include "nodes/nodeurl.h"
+#include "nodes/subreg.h"
+#include "server/CmsSvrDlg.h"
+#include "server/CmsSvrDlg_handlers.h"
 
 using namespace cmsmsg;
 

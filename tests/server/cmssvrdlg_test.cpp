@@ -1,10 +1,11 @@
 // Catalogue load, reload and release through the server object.
+#include "server/CmsSvrDlg.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <thread>
 
-#include "CmsSvrDlg.h"
 #include "comm/globle.h"
 #include "comm/sysutil.h"
 #include "mysql/sqldbop.h"
@@ -54,7 +55,8 @@ TEST_F(ServerObject, LoadsEveryCatalogueTable) {
         EXPECT_TRUE(parentEarlier) << "region " << m_arrRegionInfos[i]->nID;
     }
     for (_hcrecord_Info* d : m_arrRecordInfos) EXPECT_EQ(d->lLoginID, -1);
-    EXPECT_EQ(dlg->m_nLastRegion.load(), std::atoll(db.Scalar("select min(id) from region").c_str()));
+    EXPECT_EQ(dlg->m_nLastRegion.load(),
+              std::atoll(db.Scalar("select min(id) from region").c_str()));
 }
 
 TEST_F(ServerObject, UnreachableRegionsAreDropped) {

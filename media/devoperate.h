@@ -2,7 +2,21 @@
 // feeds a capture, recording or download consumer.
 #pragma once
 
+#include <mutex>
+#include <vector>
+
 #include "comm/msgdefine.h"
+
+// Media command sessions (guarded by csRecorder).
+extern std::vector<_USER_CMD_INFO*> m_arrUserInfos;
+extern std::mutex csRecorder;
+
+// Device and play session pools and the camera link lists.
+extern std::mutex semDvrCheck;
+extern std::mutex csCameraLink;
+extern std::mutex csMediaCheck;
+extern std::mutex csStackCheck;
+extern std::mutex semaphoreUserCheck;
 
 // Opens (or shares) the play session of `url` for `info` and sets its start and last-data
 // ticks. 1 when the session started; 0 for null arguments, no free slot or a failed start.

@@ -2,10 +2,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "CmsSvrDlg.h"
-#include "CmsSvrDlg_handlers.h"
 #include "comm/globle.h"
 #include "mysql/sqldbop.h"
+#include "server/CmsSvrDlg.h"
+#include "server/CmsSvrDlg_handlers.h"
 
 using namespace cmsmsg;
 

@@ -6,12 +6,12 @@
 #include <mutex>
 #include <vector>
 
-#include "CmsSvrDlg.h"
-#include "CmsSvrDlg_handlers.h"
 #include "comm/globle.h"
 #include "comm/mystring.h"
 #include "comm/sysutil.h"
 #include "mysql/sqldbop.h"
+#include "server/CmsSvrDlg.h"
+#include "server/CmsSvrDlg_handlers.h"
 
 using namespace cmsmsg;
 

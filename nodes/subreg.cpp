@@ -1,4 +1,4 @@
-#include "comm/subreg.h"
+#include "nodes/subreg.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -10,6 +10,7 @@
 
 #include "RUSKNetSDK.h"
 #include "comm/boundedtext.h"
+#include "comm/docxml.h"
 #include "comm/globle.h"
 #include "comm/mystring.h"
 #include "mysql/eventwriter.h"
@@ -277,4 +278,11 @@ int UpdateRegister(CMysqlDB* db, int id, int parent) {
     std::snprintf(sql, sizeof(sql), "update mediaregistor set parnetid = %d where id = %d", parent,
                   id);
     return db->Execute(sql) ? 1 : 0;
+}
+
+int ParasRegistFromXML(const char* text, _dev_register* registration) {
+    if (!text || !registration) return 0;
+    docxml::ReadText(text, "dev", registration->serial);
+    docxml::ReadInt(text, "st", registration->state);
+    return 1;
 }

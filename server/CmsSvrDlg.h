@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <csignal>
 #include <cstdint>
 #include <thread>
 
@@ -10,6 +11,15 @@ class CQue;
 class CMysqlDB;
 struct _msg_domain_info;
 struct _hcrecord_Info;
+
+class CCMSSvrDlg;
+
+// The one server object, set while it exists.
+extern CCMSSvrDlg* pMainDlg;
+// Set by the termination signals; ends the main loop.
+extern volatile std::sig_atomic_t bKillProg;
+// 1 asks the main loop to reload the catalogue (set by the HTTP reset command).
+extern volatile std::sig_atomic_t m_nRemoteOperate;
 
 class CCMSSvrDlg {
 public:
@@ -28,14 +38,13 @@ public:
     bool ClearSystem();
     void RunMessageServer(bool start);
     void RunHttpServer(bool start);
-    void MessageProcessRun(bool start);   // maintenance thread
-    void LocalIntvProcessRun(bool start); // analytics event links
+    void MessageProcessRun(bool start);    // maintenance thread
+    void LocalIntvProcessRun(bool start);  // analytics event links
     // One round of the main loop: load until it succeeds, then serve resets.
     void LoopOnce();
 
     // ---- Message protocol ----
-    static void MessageCallBack(int clientId, unsigned char* data, int length,
-                                CCMSSvrDlg* self);
+    static void MessageCallBack(int clientId, unsigned char* data, int length, CCMSSvrDlg* self);
     static void HttpCallBack(int clientId, unsigned char* data, int length, CCMSSvrDlg* self);
     static int SetClientStopBySession(unsigned int session, int type);
 

@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "CmsSvrDlg.h"
 #include "comm/globle.h"
+#include "server/CmsSvrDlg.h"
 
 namespace {
 
@@ -37,14 +37,15 @@ void progSingle(int signal) {
 }
 
 void PrintUsage() {
-    puts("usage: cmssvr [--help]\n"
-         "\n"
-         "Central management server. Run it from the directory that holds config/:\n"
-         "  config/cmslocal.xml  message port, HTTP port, serial\n"
-         "  config/cmsparam.xml  database connection and file-store roots\n"
-         "  config/dev.xml       device RTSP URL templates (optional)\n"
-         "It retries the database once a second until the catalogue loads, then opens\n"
-         "its ports. SIGINT or SIGTERM ends it.");
+    puts(
+        "usage: cmssvr [--help]\n"
+        "\n"
+        "Central management server. Run it from the directory that holds config/:\n"
+        "  config/cmslocal.xml  message port, HTTP port, serial\n"
+        "  config/cmsparam.xml  database connection and file-store roots\n"
+        "  config/dev.xml       device RTSP URL templates (optional)\n"
+        "It retries the database once a second until the catalogue loads, then opens\n"
+        "its ports. SIGINT or SIGTERM ends it.");
 }
 
 }  // namespace

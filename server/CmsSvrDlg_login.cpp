@@ -5,14 +5,14 @@
 #include <cstring>
 #include <vector>
 
-#include "CmsSvrDlg.h"
-#include "CmsSvrDlg_handlers.h"
 #include "VornNetSDK.h"
 #include "comm/globle.h"
-#include "comm/subreg.h"
 #include "comm/sysutil.h"
 #include "mysql/eventwriter.h"
 #include "mysql/sqldbop.h"
+#include "nodes/subreg.h"
+#include "server/CmsSvrDlg.h"
+#include "server/CmsSvrDlg_handlers.h"
 
 using namespace cmsmsg;
 
