@@ -8,9 +8,6 @@
 // running one; CMS_BENCH_EVENTS sets the event count (default 10,000). Everything runs on
 // loopback and every wait is bounded.
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,14 +15,13 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "benchdb.h"
+#include "benchsvr.h"
 #include "cmsclient/cmsclient.h"
 #include "cmsclient/requests.h"
 
@@ -96,87 +92,7 @@ bool Populate() {
                       kDevices, ChannelRow);
 }
 
-// ---- The server ----
-
-// cmssvr in a temporary directory with its settings; stopped and reaped on destruction.
-class Server {
-public:
-    Server() {
-        char tmpl[] = "/tmp/cmsbench-svr-XXXXXX";
-        if (const char* p = mkdtemp(tmpl)) m_dir = p;
-    }
-    ~Server() {
-        Stop();
-        std::error_code ec;
-        if (!m_dir.empty()) std::filesystem::remove_all(m_dir, ec);
-    }
-    Server(const Server&) = delete;
-    Server& operator=(const Server&) = delete;
-
-    bool Start();
-    void Stop();
-    int port() const { return m_port; }
-
-private:
-    bool WaitForOutput(const char* text, int timeoutMs) const;
-
-    std::string m_dir;
-    int m_port = 0;
-    pid_t m_pid = -1;
-};
-
-bool Server::Start() {
-    if (m_dir.empty() || (m_port = benchdb::FreePort()) <= 0) return false;
-    std::filesystem::create_directories(m_dir + "/config");
-    std::ofstream(m_dir + "/config/cmslocal.xml")
-        << "<cfg>\n  <port>" << m_port << "</port>\n  <sn>34020000002000000001</sn>\n</cfg>\n";
-    std::ofstream(m_dir + "/config/cmsparam.xml")
-        << "<cfg>\n<db>\n  <name>" << kDbName << "</name>\n  <ip>127.0.0.1</ip>\n  <port>"
-        << g_db.port() << "</port>\n  <user>cms</user>\n  <pass>cms</pass>\n  <local>0</local>\n"
-        << "</db>\n</cfg>\n";
-    const std::string bin = std::string(CMS_BINARY_DIR) + "/cmssvr";
-    const std::string out = m_dir + "/out.log";
-    m_pid = fork();
-    if (m_pid < 0) return false;
-    if (m_pid == 0) {
-        int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (fd < 0 || chdir(m_dir.c_str()) != 0) _exit(126);
-        dup2(fd, STDOUT_FILENO);
-        dup2(fd, STDERR_FILENO);
-        execl(bin.c_str(), bin.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    if (WaitForOutput("Start server port", 60000)) return true;
-    std::fprintf(stderr, "msgload: %s did not start; see %s\n", bin.c_str(), out.c_str());
-    return false;
-}
-
-bool Server::WaitForOutput(const char* text, int timeoutMs) const {
-    auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (Clock::now() < end) {
-        if (benchdb::ReadAll(m_dir + "/out.log").find(text) != std::string::npos) return true;
-        if (waitpid(m_pid, nullptr, WNOHANG) == m_pid) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return false;
-}
-
-void Server::Stop() {
-    if (m_pid <= 0) return;
-    kill(m_pid, SIGTERM);
-    for (int i = 0; i < 100; ++i) {
-        if (waitpid(m_pid, nullptr, WNOHANG) == m_pid) {
-            m_pid = -1;
-            return;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    kill(m_pid, SIGKILL);
-    waitpid(m_pid, nullptr, 0);
-    m_pid = -1;
-}
-
-Server* g_server = nullptr;
+benchdb::Server* g_server = nullptr;
 
 // ---- Load phases ----
 
@@ -341,7 +257,7 @@ int main(int argc, char** argv) {
     std::fflush(stdout);
     bool ok = Populate();
     if (ok) {
-        Server server;
+        benchdb::Server server(kDbName, g_db.port());
         g_server = &server;
         ok = server.Start();
         if (ok) {
