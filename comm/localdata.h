@@ -157,3 +157,141 @@ int FormatRuleListFroXML(const std::vector<_ruleinfo*>& rules, char*& out, int& 
 // One new zeroed record per "<rule>" element that has an "<sn>"; appended to `rules`, owned
 // by the caller. nNodeID and nNodeType stay 0. 0 only for a null text.
 int ParasRuleListFromXML(const char* text, std::vector<_ruleinfo*>& rules);
+
+// ---- Configuration documents ----
+// Analytics parameters, plans, models, scenes, record parameters, record templates and
+// extended parameters of one channel. Every record begins with the serial the channel is
+// known by on its node (its channel number as text when pushed), its node id and node
+// type. Elements look like the rule elements: "<tag><sn>serial</sn>fields</tag>", lists
+// "<tags>...</tags>"; the "<sn>" is optional when reading (a missing one leaves the serial
+// empty), since the cached copies in the database carry none.
+
+// Analytics parameters; the body of a "<param>" element.
+struct _intvparam {
+    int bEnable;
+    int nSensitivity;    // 0..100
+    int nFrameRate;      // frames analysed per second
+    int nMinTarget;      // smallest target, pixels
+    int nMaxTarget;      // largest target, pixels
+    int nAlarmInterval;  // seconds between two alarms of one zone
+    int nSnapCount;      // pictures kept per alarm
+    int nRecordTime;     // seconds of video kept per alarm
+};
+
+struct _paraminfo {
+    char szSerial[20];
+    int nNodeID;
+    int nNodeType;
+    _intvparam param;
+};
+
+constexpr int PLAN_DAYS = 7;
+constexpr int PLAN_SEGMENTS = 4;
+
+struct _plan_time {
+    int nStart;  // minutes since midnight
+    int nStop;
+};
+
+// Weekly plan of analysis or recording: up to four periods a day, Sunday first.
+struct _planinfo {
+    char szSerial[20];
+    int nNodeID;
+    int nNodeType;
+    int bEnable;
+    int nSize[PLAN_DAYS];  // periods used per day
+    _plan_time time[PLAN_DAYS][PLAN_SEGMENTS];
+};
+
+constexpr int MODEL_PARAM_MAX = 8;
+
+struct _model_param {
+    int nType;       // model of the node's model library
+    int nThreshold;  // confidence in percent
+    int bEnable;
+};
+
+// The models a channel runs.
+struct _modelparaminfo {
+    char szSerial[20];
+    int nNodeID;
+    int nNodeType;
+    int nSize;  // entries of model used
+    _model_param model[MODEL_PARAM_MAX];
+};
+
+struct _record_config {
+    char szSerial[20];
+    int nNodeID;
+    int nNodeType;
+    int bEnable;
+    int nStream;       // 0 main stream, 1 sub stream
+    int nPreRecord;    // seconds kept before an alarm
+    int nPostRecord;   // seconds recorded after it
+    int nFileMinutes;  // length of one file
+    int nKeepDays;     // days before files are overwritten
+    int bAudio;
+};
+
+// Record plan template: how a plan records and when the disk is recycled.
+struct _temple_config {
+    char szSerial[20];
+    int nNodeID;
+    int nNodeType;
+    char szName[32];
+    int nRecordMode;   // 0 continuous, 1 on alarm, 2 on motion
+    int nMotionThres;  // motion sensitivity 0..100 (mode 2)
+    int nDiskThres;    // disk use in percent at which the oldest files are overwritten
+    int nMinFree;      // free space kept, MiB
+};
+
+constexpr int PARAMEX_MAX = 12;
+
+struct _paramex_item {
+    char szName[24];  // a parameter of the node's advanced parameter document
+    char szValue[40];
+};
+
+// Extended analytics parameters: named values.
+struct _paraminfoex {
+    char szSerial[20];
+    int nNodeID;
+    int nNodeType;
+    int nSize;  // entries of item used
+    _paramex_item item[PARAMEX_MAX];
+};
+
+// Writers: one element into `out` (`size` bytes, terminated). 0 for null arguments or when
+// the element does not fit (then `out` is emptied: a cut document would read wrongly).
+// FormatIntvParamFroXML writes the parameter fields alone, without element or serial.
+int FormatIntvParamFroXML(const _intvparam* param, char* out, size_t size);
+int FormatIntvParam(const _paraminfo* info, char* out, size_t size);        // "<param>"
+int FormatIntvPlan(const _planinfo* info, char* out, size_t size);          // "<plan>"
+int FormatIntvModel(const _modelparaminfo* info, char* out, size_t size);   // "<model>"
+int FormatIntvScene(const _ruleinfo* info, char* out, size_t size);         // "<scene>"
+int FormatRecordParam(const _record_config* info, char* out, size_t size);  // "<record>"
+int FormatTemple(const _temple_config* info, char* out, size_t size);       // "<temple>"
+int FormatIntvParamEx(const _paraminfoex* info, char* out, size_t size);    // "<paramex>"
+
+// One record from the text of one element (or its content), by tag search; fields whose
+// tag is absent keep their value. The serial is read when an "<sn>" is present.
+// 0 for null arguments.
+int ParasIntvParamFromXML(const char* text, _intvparam* param);
+int ParasIntvPlanFromXML(const char* text, _planinfo* info);
+int ParasModelParamFromXML(const char* text, _modelparaminfo* info);
+int ParasSceneFromXML(const char* text, _ruleinfo* info);
+int ParasRecordParamFromXML(const char* text, _record_config* info);
+int ParasTempleConfigFromXML(const char* text, _temple_config* info);
+int ParasIntvParamExFromXML(const char* text, _paraminfoex* info);
+
+// List readers: one new zeroed record per element, appended to the vector and owned by the
+// caller; nNodeID and nNodeType stay 0. Elements longer than CFG_ELEMENT_SIZE - 1 bytes are
+// read from their first part. 1 also for no element; 0 only for a null text.
+constexpr size_t CFG_ELEMENT_SIZE = 8192;
+int ParasIntvParamListFromXML(const char* text, std::vector<_paraminfo*>& list);
+int ParasIntvPlanListFromXML(const char* text, std::vector<_planinfo*>& list);
+int ParasModelParamListFromXML(const char* text, std::vector<_modelparaminfo*>& list);
+int ParasSceneListFromXML(const char* text, std::vector<_ruleinfo*>& list);
+int ParasRecordParamListFromXML(const char* text, std::vector<_record_config*>& list);
+int ParasTempleFromXML(const char* text, std::vector<_temple_config*>& list);
+int ParasIntvParamExCfg(const char* text, std::vector<_paraminfoex*>& list);

@@ -30,6 +30,19 @@ int RUSK_DVR_InitAll(void);
 int RUSK_TRANSCOMMAND(const char* url, int command, const char* body, int bodyLength, char* reply,
                       int* replyLength);
 
+/* Device login for configuration reads (camera lists of recorders reached directly).
+ * Recorders speak their makers' own protocols, which this library does not: the login is
+ * not supported and always answers -1, so callers take their "login failed" path. */
+int RUSK_DVR_Login(const char* ip, int port, const char* user, const char* password, int dvrType);
+
+/* Reads configuration `command` of channel `chan` over a login into `buffer`
+ * (`*length` in: its capacity; out: the bytes written). Returns 1 on success; 0 for a
+ * login that is not open, which is every login while RUSK_DVR_Login is not supported. */
+int RUSK_DVR_GetConfig(int login, int chan, int command, int dvrType, char* buffer, int* length);
+
+/* Ends a login; 0 for a login that is not open. */
+int RUSK_DVR_Logout(int login);
+
 /* Changes the connect and whole-request time-outs of later commands (milliseconds;
  * values <= 0 restore 3000 and 10000). */
 void RUSK_SetTimeouts(int connectMs, int totalMs);

@@ -146,6 +146,15 @@ int RUSK_TRANSCOMMAND(const char* url, int command, const char* body, int bodyLe
     return status >= 200 && status < 300 ? 1 : 0;
 }
 
+int RUSK_DVR_Login(const char*, int, const char*, const char*, int) { return -1; }
+
+int RUSK_DVR_GetConfig(int, int, int, int, char*, int* length) {
+    if (length != nullptr) *length = 0;
+    return 0;
+}
+
+int RUSK_DVR_Logout(int) { return 0; }
+
 void RUSK_SetTimeouts(int connectMs, int totalMs) {
     rusk::g_connectMs.store(connectMs > 0 ? connectMs : rusk::kDefaultConnectMs);
     rusk::g_totalMs.store(totalMs > 0 ? totalMs : rusk::kDefaultTotalMs);
