@@ -3,10 +3,50 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdlib>
+
 namespace cmstest {
+
+namespace {
+
+// Reads more bytes into `in`; false on close, error or a quiet peer.
+bool ReadMore(int fd, std::string& in) {
+    char buf[65536];
+    pollfd p{fd, POLLIN, 0};
+    if (poll(&p, 1, 2000) <= 0) return false;
+    ssize_t r = recv(fd, buf, sizeof(buf), 0);
+    if (r <= 0) return false;
+    in.append(buf, static_cast<size_t>(r));
+    return true;
+}
+
+size_t ContentLength(const std::string& head) {
+    size_t at = 0;
+    while ((at = head.find("\r\n", at)) != std::string::npos) {
+        at += 2;
+        static const char kName[] = "content-length:";
+        if (strncasecmp(head.c_str() + at, kName, sizeof(kName) - 1) == 0)
+            return std::strtoul(head.c_str() + at + sizeof(kName) - 1, nullptr, 10);
+    }
+    return 0;
+}
+
+const char* StatusText(int status) {
+    switch (status) {
+        case 200:
+            return "OK";
+        case 404:
+            return "Not Found";
+        default:
+            return "Status";
+    }
+}
+
+}  // namespace
 
 HttpPeer::HttpPeer() {
     m_fd = socket(AF_INET, SOCK_STREAM, 0);
@@ -28,14 +68,33 @@ HttpPeer::~HttpPeer() {
     close(m_fd);
 }
 
-void HttpPeer::Answer(const std::string& targetPart, const std::string& body) {
+void HttpPeer::Answer(const std::string& targetPart, const std::string& body, int status) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_answers[targetPart] = body;
+    for (auto it = m_answers.begin(); it != m_answers.end(); ++it) {
+        if (it->first != targetPart) continue;
+        m_answers.erase(it);
+        break;
+    }
+    m_answers.emplace_back(targetPart, Reply{status, body});
 }
 
 std::vector<std::string> HttpPeer::Requests() const {
     std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<std::string> lines;
+    for (const Request& r : m_requests) lines.push_back(r.line);
+    return lines;
+}
+
+std::vector<HttpPeer::Request> HttpPeer::Received() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
     return m_requests;
+}
+
+std::vector<std::string> HttpPeer::Targets() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<std::string> targets;
+    for (const Request& r : m_requests) targets.push_back(r.target);
+    return targets;
 }
 
 void HttpPeer::Serve() {
@@ -51,25 +110,38 @@ void HttpPeer::Serve() {
 
 void HttpPeer::Handle(int fd) {
     std::string in;
-    char buf[4096];
-    while (in.find("\r\n\r\n") == std::string::npos) {
-        pollfd p{fd, POLLIN, 0};
-        if (poll(&p, 1, 2000) <= 0) return;
-        ssize_t r = recv(fd, buf, sizeof(buf), 0);
-        if (r <= 0) return;
-        in.append(buf, static_cast<size_t>(r));
-    }
-    std::string line = in.substr(0, in.find("\r\n"));
-    std::string status = "404 Not Found", body;
+    size_t headEnd;
+    while ((headEnd = in.find("\r\n\r\n")) == std::string::npos)
+        if (!ReadMore(fd, in)) return;
+    const size_t bodyLength = ContentLength(in.substr(0, headEnd + 2));
+    while (in.size() < headEnd + 4 + bodyLength)
+        if (!ReadMore(fd, in)) return;
+
+    Request req;
+    req.line = in.substr(0, in.find("\r\n"));
+    req.method = req.line.substr(0, req.line.find(' '));
+    size_t targetAt = req.line.find(' ') + 1;
+    req.target = req.line.substr(targetAt, req.line.rfind(' ') - targetAt);
+    size_t q = req.target.find('?');
+    req.path = req.target.substr(0, q);
+    req.query = q == std::string::npos ? "" : req.target.substr(q + 1);
+    req.body = in.substr(headEnd + 4, bodyLength);
+
+    Reply reply{404, ""};
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_requests.push_back(line);
         for (const auto& [part, answer] : m_answers)
-            if (line.find(part) != std::string::npos) status = "200 OK", body = answer;
+            if (req.target.find(part) != std::string::npos) reply = answer;
+        m_requests.push_back(std::move(req));
     }
-    std::string out = "HTTP/1.1 " + status + "\r\nContent-Length: " + std::to_string(body.size()) +
-                      "\r\nConnection: close\r\n\r\n" + body;
-    send(fd, out.data(), out.size(), MSG_NOSIGNAL);
+    std::string out = "HTTP/1.1 " + std::to_string(reply.status) + " " + StatusText(reply.status) +
+                      "\r\nContent-Length: " + std::to_string(reply.body.size()) +
+                      "\r\nConnection: close\r\n\r\n" + reply.body;
+    for (size_t sent = 0; sent < out.size();) {
+        ssize_t n = send(fd, out.data() + sent, out.size() - sent, MSG_NOSIGNAL);
+        if (n <= 0) break;
+        sent += static_cast<size_t>(n);
+    }
 }
 
 }  // namespace cmstest
