@@ -34,6 +34,9 @@ void Engine::Shutdown() {
         listeners.swap(m_listeners);
     }
     for (auto& entry : listeners) entry.second->Stop();
+    // Requests of a listener stopped from inside a callback may still run; they post
+    // their closes to m_io, so they finish before its threads are told to end.
+    m_workers.Drain();
 
     std::lock_guard<std::mutex> lock(m_lifeMutex);
     // With every client closed nothing keeps the contexts busy, so the threads end once

@@ -11,6 +11,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "workerpool.h"
+
 namespace vorn {
 
 class Connection;
@@ -30,6 +32,8 @@ public:
 
     asio::io_context& Io() { return m_io; }
     asio::io_context& CallbackIo() { return m_callbackIo; }
+    // Runs the callbacks of one-request connections (HTTP).
+    WorkerPool& Workers() { return m_workers; }
 
     int AddListener(std::shared_ptr<Listener> listener);
     std::shared_ptr<Listener> FindListener(int id);
@@ -51,9 +55,11 @@ private:
     static constexpr int kIoThreads = 2;
     static constexpr int kCallbackThreads = 4;
     static constexpr int kDefaultFrameTimeoutMs = 30000;
+    static constexpr size_t kMaxRequestWorkers = 256;
 
     asio::io_context m_io;          // sockets, timers
-    asio::io_context m_callbackIo;  // user callbacks
+    asio::io_context m_callbackIo;  // user callbacks of message connections
+    WorkerPool m_workers{kMaxRequestWorkers};
 
     std::mutex m_lifeMutex;  // guards the threads and work guards
     std::optional<WorkGuard> m_ioWork;
