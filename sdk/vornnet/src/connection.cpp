@@ -19,6 +19,10 @@ constexpr size_t kBacklogHighCount = 256;
 constexpr size_t kBacklogHighBytes = 32u * 1024 * 1024;
 constexpr size_t kBacklogLowCount = 64;
 constexpr size_t kBacklogLowBytes = 8u * 1024 * 1024;
+// Input dropped after a one-request connection's request before reading stops.
+constexpr size_t kMaxDrainBytes = 4u * 1024 * 1024;
+// How long a closing one-request connection waits for the peer to hang up first.
+constexpr auto kLinger = std::chrono::seconds(1);
 
 std::string EndpointText(const asio::ip::tcp::endpoint& endpoint) {
     return endpoint.address().to_string() + ":" + std::to_string(endpoint.port());
@@ -51,7 +55,11 @@ Connection::Connection(int id, asio::ip::tcp::socket socket, std::unique_ptr<Cod
 }
 
 void Connection::Start() {
-    asio::post(m_socket.get_executor(), [self = shared_from_this()] { self->DoRead(); });
+    // The stall time-out runs from the start when the codec waits for a request at once.
+    asio::post(m_socket.get_executor(), [self = shared_from_this()] {
+        self->TouchIdleTimer();
+        self->DoRead();
+    });
 }
 
 bool Connection::SendState(int state) {
@@ -98,6 +106,10 @@ void Connection::DoRead() {
 }
 
 void Connection::OnRead(const std::error_code& ec, size_t n) {
+    if (m_draining && !m_closed) {
+        OnDrainRead(ec, n);
+        return;
+    }
     if (ec) {  // peer closed, reset, or our own close cancelled the read
         CloseNow(nullptr);
         return;
@@ -107,7 +119,7 @@ void Connection::OnRead(const std::error_code& ec, size_t n) {
         Deliver(std::move(message));
     });
     if (!intact) {
-        CloseNow(m_codec->Error().c_str());
+        Refuse();
         return;
     }
     TouchIdleTimer();
@@ -117,6 +129,10 @@ void Connection::OnRead(const std::error_code& ec, size_t n) {
 
 void Connection::Deliver(std::vector<uint8_t>&& message) {
     if (m_closing) return;
+    if (m_hooks.dispatch == Dispatch::kOneShot) {
+        DeliverRequest(std::move(message));
+        return;
+    }
     size_t bytes = message.size();
     m_backlogCount.fetch_add(1);
     m_backlogBytes.fetch_add(bytes);
@@ -124,6 +140,53 @@ void Connection::Deliver(std::vector<uint8_t>&& message) {
         self->RunCallback(message.data(), static_cast<int>(message.size()));
         self->MessageDone(message.size());
     });
+}
+
+void Connection::DeliverRequest(std::vector<uint8_t>&& message) {
+    m_draining = true;
+    m_unfinished.fetch_add(1);
+    auto run = [self = shared_from_this(), message = std::move(message)]() mutable {
+        if (!self->m_gone.load()) {
+            self->RunCallback(message.data(), static_cast<int>(message.size()));
+        }
+        // Closes after the reply, unless the callback asked for a close of its own.
+        asio::post(self->m_socket.get_executor(), [self] {
+            if (!self->m_closing) self->RequestClose(0);
+        });
+        self->FinishOne();
+    };
+    Engine::Get().Workers().Submit(std::move(run));
+}
+
+// A stream the codec cannot read any further: answered first when the codec has an
+// answer for it (an HTTP status), else closed at once.
+void Connection::Refuse() {
+    std::string reply = m_codec->ErrorReply();
+    if (reply.empty()) {
+        CloseNow(m_codec->Error().c_str());
+        return;
+    }
+    printf("vornnet: client %d (%s): %s\n", m_id, m_peerAddr.c_str(), m_codec->Error().c_str());
+    Enqueue(std::vector<uint8_t>(reply.begin(), reply.end()));
+    m_draining = true;
+    RequestClose(0);
+    DoRead();
+}
+
+void Connection::OnDrainRead(const std::error_code& ec, size_t n) {
+    if (ec && ec != asio::error::eof) {  // reset: nobody is left to answer
+        CloseNow(nullptr);
+        return;
+    }
+    m_drainedBytes += n;
+    if (!ec && m_drainedBytes <= kMaxDrainBytes) {
+        DoRead();
+        return;
+    }
+    // The end of stream may be a half-close by a peer still waiting for its answer, so it
+    // does not close the connection; only a close already under way is finished now.
+    m_readDone = true;
+    if (m_closing && !m_writing) CloseNow(nullptr);
 }
 
 bool Connection::BacklogLow() const {
@@ -225,10 +288,34 @@ void Connection::RequestClose(int delayMs) {
 
 void Connection::CloseWhenFlushed() {
     if (m_closeDelayMs <= 0) {
-        CloseNow(nullptr);
+        CloseFlushed();
         return;
     }
     m_closeTimer.expires_after(std::chrono::milliseconds(m_closeDelayMs));
+    m_closeTimer.async_wait([self = shared_from_this()](const std::error_code& ec) {
+        if (!ec) self->CloseFlushed();
+    });
+}
+
+void Connection::CloseFlushed() {
+    if (m_hooks.dispatch == Dispatch::kOneShot) {
+        Linger();
+    } else {
+        CloseNow(nullptr);
+    }
+}
+
+// Closing while request bytes are still unread would send a reset, which can destroy the
+// reply before the client has read it. So the sending side is shut first (the client
+// sees the end of the reply) and the client gets a moment to hang up itself.
+void Connection::Linger() {
+    if (m_readDone || !m_draining) {
+        CloseNow(nullptr);
+        return;
+    }
+    std::error_code ignored;
+    m_socket.shutdown(asio::ip::tcp::socket::shutdown_send, ignored);
+    m_closeTimer.expires_after(kLinger);
     m_closeTimer.async_wait([self = shared_from_this()](const std::error_code& ec) {
         if (!ec) self->CloseNow(nullptr);
     });
@@ -245,11 +332,20 @@ void Connection::CloseNow(const char* why) {
     m_idleTimer.cancel();
     m_closeTimer.cancel();
     Engine::Get().UnregisterClient(m_id);
+    m_gone.store(true);
+    if (m_hooks.dispatch == Dispatch::kOneShot) {
+        FinishOne();
+        return;
+    }
     // Queued behind every message already handed over, so it is the last callback.
     asio::post(m_callbacks, [self = shared_from_this()] {
         self->RunCallback(nullptr, 0);
         self->m_owner->ConnectionFinished(self->m_id);
     });
+}
+
+void Connection::FinishOne() {
+    if (m_unfinished.fetch_sub(1) == 1) m_owner->ConnectionFinished(m_id);
 }
 
 void Connection::RunCallback(unsigned char* data, int length) {

@@ -22,6 +22,7 @@ class Listener;
 struct Hooks {
     VornServerCallBack callback = nullptr;
     void* user = nullptr;
+    Dispatch dispatch = Dispatch::kStream;
 };
 
 // True on a thread while it runs a user callback (such a thread must never wait for
@@ -31,6 +32,8 @@ bool InCallback();
 // Socket work runs on the socket's strand (an I/O thread); user callbacks run on a strand
 // of the callback pool, so one client's callbacks never overlap, keep the order in which
 // its messages arrived, and a slow callback never stalls the socket work of other clients.
+// A one-request connection (Dispatch::kOneShot) runs its single callback on a worker
+// thread of its own instead, then closes once the reply is written.
 // The public operations may be called from any thread: they only queue work.
 class Connection : public std::enable_shared_from_this<Connection> {
 public:
@@ -59,6 +62,9 @@ private:
     void DoRead();
     void OnRead(const std::error_code& ec, size_t n);
     void Deliver(std::vector<uint8_t>&& message);
+    void DeliverRequest(std::vector<uint8_t>&& message);
+    void Refuse();
+    void OnDrainRead(const std::error_code& ec, size_t n);
     bool PauseForBacklog();
     void TouchIdleTimer();
     void OnIdleTimer(const std::error_code& ec);
@@ -67,11 +73,15 @@ private:
     void OnWrite(const std::error_code& ec);
     void RequestClose(int delayMs);
     void CloseWhenFlushed();
+    void CloseFlushed();
+    void Linger();
     void CloseNow(const char* why);
-    // On the callback strand:
+    // On the callback strand, or a worker for a one-request connection:
     void RunCallback(unsigned char* data, int length);
     void MessageDone(size_t bytes);
     bool BacklogLow() const;
+    // Any thread: one of the close and the request's callback is over.
+    void FinishOne();
 
     // Fixed after construction.
     const int m_id;
@@ -95,6 +105,18 @@ private:
     bool m_closing = false;  // a kill was requested
     int m_closeDelayMs = 0;
     bool m_closed = false;
+    // One-request connections: once the request is taken (or refused), further input is
+    // read and dropped, so closing never finds unread bytes that would turn it into a
+    // reset; reading stops at the peer's end of stream or after kMaxDrainBytes.
+    bool m_draining = false;
+    bool m_readDone = false;
+    size_t m_drainedBytes = 0;
+
+    // One-request connections: the close and the callback of a delivered request; the
+    // listener hears of the end when both are over, whichever comes last.
+    std::atomic<int> m_unfinished{1};
+    // Set when closed; a request still waiting for a worker is then dropped.
+    std::atomic<bool> m_gone{false};
 
     // Messages handed to the callback strand and not yet processed. Reading pauses while
     // the backlog is high, so a client that floods a slow callback cannot eat memory.

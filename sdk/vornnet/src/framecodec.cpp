@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "VornNetSDK.h"
+#include "httpcodec.h"
 
 namespace vorn {
 
@@ -103,22 +104,23 @@ bool MessageCodec::EncodeData(const uint8_t* data, size_t n, std::vector<uint8_t
 namespace {
 
 std::unique_ptr<Codec> MakeMessageCodec() { return std::make_unique<MessageCodec>(); }
+std::unique_ptr<Codec> MakeHttpCodec() { return std::make_unique<HttpCodec>(); }
 
-// Listener modes and the codec each one speaks. VORN_MODE_HTTP has no row yet, so a
-// request to start an HTTP listener fails with -1 until its codec is added here.
+// Listener modes: the codec each one speaks and how its callbacks are run.
 struct ModeRow {
     int mode;
-    CodecFactory factory;
+    Mode form;
 };
 const ModeRow kModes[] = {
-    {VORN_MODE_MESSAGE, MakeMessageCodec},
+    {VORN_MODE_MESSAGE, {MakeMessageCodec, Dispatch::kStream}},
+    {VORN_MODE_HTTP, {MakeHttpCodec, Dispatch::kOneShot}},
 };
 
 }  // namespace
 
-CodecFactory FindCodec(int mode) {
+const Mode* FindMode(int mode) {
     for (const ModeRow& row : kModes) {
-        if (row.mode == mode) return row.factory;
+        if (row.mode == mode) return &row.form;
     }
     return nullptr;
 }

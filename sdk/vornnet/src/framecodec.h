@@ -1,6 +1,6 @@
 // How a listener turns received bytes into callback buffers and replies into bytes.
-// Connections know only this interface, so another wire form (the HTTP listener) is one
-// more Codec and one more row in the mode table of framecodec.cpp.
+// Connections know only this interface, so another wire form is one more Codec and one
+// more row in the mode table of framecodec.cpp.
 #pragma once
 
 #include <cstddef>
@@ -27,6 +27,8 @@ public:
     // True while an incomplete unit is pending (the idle time-out applies then).
     virtual bool HasPartial() const = 0;
     virtual const std::string& Error() const = 0;
+    // Bytes to send before closing a broken stream (an HTTP status); empty for none.
+    virtual std::string ErrorReply() const { return {}; }
 
     // Reply encodings; they keep no state, so any thread may call them. False when the
     // reply cannot be carried (too large).
@@ -50,7 +52,23 @@ private:
 
 using CodecFactory = std::unique_ptr<Codec> (*)();
 
-// The factory of a listener mode (VORN_MODE_*), or null when the mode is not served.
-CodecFactory FindCodec(int mode);
+// How a connection hands what its codec cut out to the user callback.
+enum class Dispatch {
+    // Many messages per connection, in order on the connection's strand of the small
+    // callback pool; the disconnect is reported last.
+    kStream,
+    // One request per connection on a worker thread of its own (a callback may block for
+    // long); the connection closes once the callback has returned and its reply has been
+    // written. No disconnect is reported.
+    kOneShot,
+};
+
+struct Mode {
+    CodecFactory codec;
+    Dispatch dispatch;
+};
+
+// The wire form of a listener mode (VORN_MODE_*), or null when the mode is not served.
+const Mode* FindMode(int mode);
 
 }  // namespace vorn

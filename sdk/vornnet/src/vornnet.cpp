@@ -46,15 +46,16 @@ void VornNetSDK_SetFrameTimeout(int milliseconds) {
 
 int VornStartServer(int port, int mode, VornServerCallBack callback, void* user) {
     if (callback == nullptr || port < 0 || port > 65535) return -1;
-    vorn::CodecFactory codec = vorn::FindCodec(mode);
-    if (codec == nullptr) {
+    const vorn::Mode* form = vorn::FindMode(mode);
+    if (form == nullptr) {
         printf("vornnet: listener mode %d is not served\n", mode);
         return -1;
     }
     Engine& engine = Engine::Get();
     engine.Start();
     std::string error;
-    auto listener = vorn::Listener::Open(port, codec, vorn::Hooks{callback, user}, error);
+    auto listener =
+        vorn::Listener::Open(port, form->codec, vorn::Hooks{callback, user, form->dispatch}, error);
     if (!listener) {
         printf("vornnet: cannot listen on port %d: %s\n", port, error.c_str());
         return -1;
