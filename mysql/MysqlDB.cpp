@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 
+#include "comm/metrics.h"
 #include "comm/sysutil.h"
 
 namespace {
@@ -90,13 +91,16 @@ bool CMysqlDB::Connect(const char* host, int port, const char* user, const char*
         }
     }
     m_unExcude = GetTickCount();
+    metrics::CountDbOperation("connect", m_bOpen);
     return m_bOpen;
 }
 
 bool CMysqlDB::Execute(char* sql, int64_t& insertId) {
     if (!m_bOpen || !sock || !sql) return false;
     size_t room = std::strlen(sql) + 1;
-    if (mysql_real_query(sock, sql, room - 1) != 0) {
+    const bool ran = mysql_real_query(sock, sql, room - 1) == 0;
+    metrics::CountDbOperation("execute", ran);
+    if (!ran) {
         m_unExcude = GetTickCount();
         return false;
     }
@@ -115,6 +119,7 @@ bool CMysqlDB::Execute(char* sql, int64_t& insertId) {
 bool CMysqlDB::Execute(const char* sql) {
     if (!m_bOpen || !sock || !sql) return false;
     bool ok = mysql_real_query(sock, sql, std::strlen(sql)) == 0;
+    metrics::CountDbOperation("execute", ok);
     if (ok) DropResult(sock);
     m_unExcude = GetTickCount();
     return ok;
@@ -134,6 +139,7 @@ bool CMysqlDB::OpenRecordSet(const char* sql, MYSQL_RES*& result, int& rowCount,
         }
     }
     m_unExcude = GetTickCount();
+    metrics::CountDbOperation("query", ok);
     return ok;
 }
 

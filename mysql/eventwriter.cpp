@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 
+#include "comm/metrics.h"
 #include "comm/sysutil.h"
 #include "mysql/sqldbop.h"
 
@@ -49,10 +50,10 @@ std::string Escaped(CMysqlDB& db, const char* text) {
     return out;
 }
 
-// The common shape of every insert: under `cs`, connect, let `build` print the statement
-// into a zeroed buffer (false: refuse), run it and hand back the new id.
+// The common shape of every insert into `table`: under `cs`, connect, let `build` print
+// the statement into a zeroed buffer (false: refuse), run it and hand back the new id.
 template <class Build>
-int64_t InsertRow(std::mutex& cs, bool echo, Build build) {
+int64_t InsertRow(std::mutex& cs, const char* table, bool echo, Build build) {
     std::lock_guard<std::mutex> lock(cs);
     CMysqlDB db;
     if (!ConnectDB(&db)) return 0;
@@ -62,6 +63,7 @@ int64_t InsertRow(std::mutex& cs, bool echo, Build build) {
     if (echo) std::printf("alarm:%s\n", sql);
     int64_t id = 0;
     if (!db.Execute(sql, id)) return 0;
+    metrics::CountRowWritten(table);
     return id;
 }
 
@@ -77,7 +79,7 @@ int64_t InsertParamEvent(std::mutex& cs, const char* table, bool echo, uint32_t 
                          int nodeId, int nodeType, int eventType, int param, const char* descript) {
     eventType &= kEventTypeMask;
     const LogTimes t = MakeLogTimes(eventTime);
-    return InsertRow(cs, echo, [&](CMysqlDB& db, char* sql) {
+    return InsertRow(cs, table, echo, [&](CMysqlDB& db, char* sql) {
         const std::string text = Escaped(db, descript);
         return PrintStatement(sql,
                               "insert into %s(nodeid,nodetype,eventtype,param,descript,logtime,"
@@ -90,7 +92,7 @@ int64_t InsertParamEvent(std::mutex& cs, const char* table, bool echo, uint32_t 
 int64_t InsertFaceEvent(const char* table, uint32_t eventTime, int nodeId, int nodeType,
                         int personId, int age, int gender, int similarity) {
     const LogTimes t = MakeLogTimes(eventTime);
-    return InsertRow(csWritePerson, false, [&](CMysqlDB&, char* sql) {
+    return InsertRow(csWritePerson, table, false, [&](CMysqlDB&, char* sql) {
         return PrintStatement(sql,
                               "insert into %s(nodeid,nodetype,personid,age,gender,alike,status,"
                               "logtime,loctime) values (%d,%d,%d,%d,%d,%d,%d,\"%s\",\"%s\")",
@@ -140,7 +142,7 @@ int64_t WrightMySqlDevEventInfo(int nodeId, int nodeType, int eventType, const c
     eventType &= kEventTypeMask;
     char logtime[32];
     FormatLogTime(GetCurrentTime(), logtime, sizeof logtime);
-    return InsertRow(csWriteDev, false, [&](CMysqlDB& db, char* sql) {
+    return InsertRow(csWriteDev, "deveventlog", false, [&](CMysqlDB& db, char* sql) {
         const std::string text = Escaped(db, descript);
         return PrintStatement(sql,
                               "insert into deveventlog(nodeid,nodetype,eventtype,descript,"

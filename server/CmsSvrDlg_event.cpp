@@ -18,6 +18,7 @@
 #include "VornNetSDK.h"
 #include "comm/filestore.h"
 #include "comm/globle.h"
+#include "comm/metrics.h"
 #include "comm/msgdefine.h"
 #include "comm/sysutil.h"
 #include "media/devoperate.h"
@@ -63,6 +64,7 @@ void Terminate(char (&text)[N]) {
 bool ReadRecord(const unsigned char* data, int length, bool structured, EventInput& in) {
     if (!data || length < kRecordSize) return false;
     std::memcpy(&in.rec, data, sizeof in.rec);
+    metrics::CountEventReceived(static_cast<uint32_t>(in.rec.nEventType));
     Terminate(in.rec.szSerial);
     Terminate(in.rec.szComm);
     Terminate(in.rec.szInfo);

@@ -15,6 +15,7 @@
 #include "VornNetSDK.h"
 #include "comm/filestore.h"
 #include "comm/globle.h"
+#include "comm/metrics.h"
 #include "comm/localdata.h"
 #include "media/devoperate.h"
 #include "mysql/nodecatalog.h"
@@ -265,7 +266,11 @@ void OnDisconnect(int clientId) {
 
 void CCMSSvrDlg::MessageCallBack(int clientId, unsigned char* data, int length, CCMSSvrDlg* self) {
     if (!self) return;
-    if (!data) return OnDisconnect(clientId);
+    if (!data) {
+        metrics::CountClientGone(clientId);
+        return OnDisconnect(clientId);
+    }
+    metrics::CountClientMessage(clientId);
     if (length < static_cast<int>(sizeof(_msg_head_info))) return;
     char peer[96] = {};
     char local[96] = {};
