@@ -24,3 +24,9 @@ extern std::mutex semaphoreUserCheck;
 int VornMediaPlay(const char* url, _USER_CMD_INFO* info);
 // Stops the session of `info`; 0 when `info` or its player is null.
 int VornMediaStop(_USER_CMD_INFO* info);
+// Moves a camera to a preset. `url` is a play address followed by
+// "?cmd=ptzctrl&type=24&param1=<preset>". An address routed through media servers is
+// handed to the first of them as it stands; a direct device address needs a device login
+// of the session pools. 1 when the command was carried out; 0 on an address that does not
+// parse or a refusal.
+int CallPreset(const char* url);

@@ -13,7 +13,7 @@
 
 CCMSSvrDlg* pMainDlg = nullptr;
 volatile std::sig_atomic_t bKillProg = 0;
-volatile std::sig_atomic_t m_nRemoteOperate = 0;
+std::atomic<int> m_nRemoteOperate{0};
 
 namespace {
 
@@ -136,10 +136,13 @@ bool CCMSSvrDlg::ReleaseData() {
 }
 
 bool CCMSSvrDlg::ResetSystem() {
+    // HTTP commands refuse to run while the catalogue is half reloaded.
+    m_bResetData = true;
     RunMessageServer(false);
     ReleaseData();
     LoadData();
     RunMessageServer(true);
+    m_bResetData = false;
     return true;
 }
 

@@ -11,6 +11,7 @@ class CQue;
 class CMysqlDB;
 struct _msg_domain_info;
 struct _hcrecord_Info;
+struct _http_command;
 
 class CCMSSvrDlg;
 
@@ -18,8 +19,9 @@ class CCMSSvrDlg;
 extern CCMSSvrDlg* pMainDlg;
 // Set by the termination signals; ends the main loop.
 extern volatile std::sig_atomic_t bKillProg;
-// 1 asks the main loop to reload the catalogue (set by the HTTP reset command).
-extern volatile std::sig_atomic_t m_nRemoteOperate;
+// 1 asks the main loop to reload the catalogue (set by the HTTP reset command, from the
+// listener's threads).
+extern std::atomic<int> m_nRemoteOperate;
 
 class CCMSSvrDlg {
 public:
@@ -48,6 +50,12 @@ public:
     static void HttpCallBack(int clientId, unsigned char* data, int length, CCMSSvrDlg* self);
     static int SetClientStopBySession(unsigned int session, int type);
 
+    // ---- HTTP commands (server/CmsSvrDlg_http.cpp) ----
+    // Runs one parsed command and fills its `session` for a started recording. False for a
+    // null command, during a catalogue reload, or when the command failed. Safe to call
+    // from several threads at once.
+    bool HttpProcess(_http_command* command);
+
     // ---- Event ingestion ----
     void ProcessEventBuf(int loginId, int mode, const unsigned char* buffer, int length);
     void ProcessEventFromStruct(const unsigned char* buffer, int length);
@@ -68,7 +76,7 @@ public:
     int m_nHttpServerID;
     std::atomic<bool> m_bMsgExit;
     int64_t m_nLastRecord;
-    bool m_bResetData;
+    std::atomic<bool> m_bResetData;  // set by ResetSystem while the catalogue is reloaded
     std::atomic<int64_t> m_nLastRegion;
     std::atomic<bool> m_bDevIntvEventExit;
     std::atomic<bool> m_bSvrIntvEventExit;

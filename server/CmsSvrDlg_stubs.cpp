@@ -3,4 +3,3 @@
 
 void CCMSSvrDlg::MessageProcessRun(bool start) {}
 void CCMSSvrDlg::LocalIntvProcessRun(bool start) {}
-void CCMSSvrDlg::HttpCallBack(int clientId, unsigned char* data, int length, CCMSSvrDlg* self) {}

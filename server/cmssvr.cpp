@@ -1,12 +1,15 @@
 // The CMS server daemon: reads ./config/, loads the catalogue from the database and
 // serves until SIGINT or SIGTERM.
+#include <linux/reboot.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "comm/globle.h"
+#include "comm/sysutil.h"
 #include "server/CmsSvrDlg.h"
 
 namespace {
@@ -36,6 +39,14 @@ void progSingle(int signal) {
     }
 }
 
+// With CMS_NO_REBOOT set, reboot and power-off requests are printed instead of carried
+// out, so that tests and trial runs can exercise them on a machine that must stay up.
+int PrintReboot(int cmd) {
+    printf("reboot skipped (CMS_NO_REBOOT): %s\n",
+           cmd == LINUX_REBOOT_CMD_POWER_OFF ? "power off" : "restart");
+    return 0;
+}
+
 void PrintUsage() {
     puts(
         "usage: cmssvr [--help]\n"
@@ -45,7 +56,9 @@ void PrintUsage() {
         "  config/cmsparam.xml  database connection and file-store roots\n"
         "  config/dev.xml       device RTSP URL templates (optional)\n"
         "It retries the database once a second until the catalogue loads, then opens\n"
-        "its ports. SIGINT or SIGTERM ends it.");
+        "its ports. SIGINT or SIGTERM ends it.\n"
+        "With CMS_NO_REBOOT set in the environment, reboot and power-off commands are\n"
+        "printed instead of carried out.");
 }
 
 }  // namespace
@@ -63,6 +76,7 @@ int main(int argc, char** argv) {
     signal(SIGSEGV, progSingle);
     signal(SIGTERM, progSingle);
     signal(SIGPIPE, SIG_IGN);
+    if (getenv("CMS_NO_REBOOT")) SetRebootFunc(PrintReboot);
     puts("cserver startup");
 
     CCMSSvrDlg dlg;
