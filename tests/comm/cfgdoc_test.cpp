@@ -71,11 +71,9 @@ TEST(CfgDocTest, EveryKindRoundTripsThroughItsList) {
     other.nSize[3] = 4;
     ExpectRoundTrip<_planinfo>("plans", FormatIntvPlan, ParasIntvPlanListFromXML, Plan("8"), other);
 
-    auto m1 = WithSerial<_modelparaminfo>("3"), m2 = WithSerial<_modelparaminfo>("4");
-    m1.nSize = 2;
-    m1.model[0] = {5, 60, 1};
-    m1.model[1] = {7, 80, 0};
-    ExpectRoundTrip<_modelparaminfo>("models", FormatIntvModel, ParasModelParamListFromXML, m1, m2);
+    _modelparaminfo m1 = {"3", 0, 0, 2, {{5, 60, 1}, {7, 80, 0}}};
+    ExpectRoundTrip<_modelparaminfo>("models", FormatIntvModel, ParasModelParamListFromXML, m1,
+                                     WithSerial<_modelparaminfo>("4"));
 
     auto s1 = std::make_unique<_ruleinfo>(), s2 = std::make_unique<_ruleinfo>();
     snprintf(s1->szSerial, sizeof s1->szSerial, "5");
@@ -87,19 +85,17 @@ TEST(CfgDocTest, EveryKindRoundTripsThroughItsList) {
     snprintf(s2->szSerial, sizeof s2->szSerial, "6");
     ExpectRoundTrip<_ruleinfo>("scenes", FormatIntvScene, ParasSceneListFromXML, *s1, *s2);
 
-    auto r1 = WithSerial<_record_config>("7"), r2 = WithSerial<_record_config>("8");
-    r1 = {"7", 0, 0, 1, 1, 5, 10, 30, 7, 1};
+    _record_config r1 = {"7", 0, 0, 1, 1, 5, 10, 30, 7, 1};
     ExpectRoundTrip<_record_config>("records", FormatRecordParam, ParasRecordParamListFromXML, r1,
-                                    r2);
+                                    WithSerial<_record_config>("8"));
 
-    _temple_config t1 = {"1", 0, 0, "night", 2, 40, 90, 512}, t2 = {"2", 0, 0, "", 0, 0, 0, 0};
-    ExpectRoundTrip<_temple_config>("temples", FormatTemple, ParasTempleFromXML, t1, t2);
+    _temple_config t1 = {"1", 0, 0, "night", 2, 40, 90, 512};
+    ExpectRoundTrip<_temple_config>("temples", FormatTemple, ParasTempleFromXML, t1,
+                                    WithSerial<_temple_config>("2"));
 
-    auto e1 = WithSerial<_paraminfoex>("11"), e2 = WithSerial<_paraminfoex>("12");
-    e1.nSize = 2;
-    e1.item[0] = {"gpu", "1"};
-    e1.item[1] = {"track", "on"};
-    ExpectRoundTrip<_paraminfoex>("paramexs", FormatIntvParamEx, ParasIntvParamExCfg, e1, e2);
+    _paraminfoex e1 = {"11", 0, 0, 2, {{"gpu", "1"}, {"track", "on"}}};
+    ExpectRoundTrip<_paraminfoex>("paramexs", FormatIntvParamEx, ParasIntvParamExCfg, e1,
+                                  WithSerial<_paraminfoex>("12"));
 }
 
 TEST(CfgDocTest, ExactTextOfParametersAndPlans) {
@@ -129,31 +125,23 @@ TEST(CfgDocTest, ReadersAndWritersStayInsideTheirBounds) {
     std::string models = "<model><sn>" + std::string(50, 'S') + "</sn>";
     for (int i = 0; i < 12; ++i) models += "<m><type>" + std::to_string(i) + "</type></m>";
     auto m = std::make_unique<_modelparaminfo>();
-    ASSERT_EQ(ParasModelParamFromXML((models + "</model>").c_str(), m.get()), 1);
+    ASSERT_EQ(ParasModelParamFromXML(models.c_str(), m.get()), 1);
     EXPECT_EQ(m->nSize, MODEL_PARAM_MAX);
     EXPECT_EQ(m->model[7].nType, 7);
     EXPECT_EQ(strlen(m->szSerial), 19u);
 
     _planinfo plan{};
-    ParasIntvPlanFromXML("<d2>1-2;3-4;5-6;7-8;9-10;11-12;</d2><d3>5;</d3>", &plan);
+    ParasIntvPlanFromXML("<d2>1-2;3-4;5-6;7-8;9-10;</d2><d3>5;</d3>", &plan);
     EXPECT_EQ(plan.nSize[2], PLAN_SEGMENTS);
     EXPECT_EQ(plan.time[2][3].nStop, 8);
     EXPECT_EQ(plan.nSize[3], 1);  // an item without '-' counts, its period stays zero
     EXPECT_EQ(plan.time[3][0].nStart, 0);
 
-    _temple_config t{};
-    ParasTempleConfigFromXML(("<name>" + std::string(100, 'n') + "</name>").c_str(), &t);
-    EXPECT_EQ(strlen(t.szName), 31u);
-
     // Counts out of range are written clamped.
-    auto ex = WithSerial<_paraminfoex>("1");
-    ex.nSize = 1000;
-    std::string text = Text<_paraminfoex>(FormatIntvParamEx, ex);
-    size_t items = 0;
-    for (size_t at = 0; (at = text.find("<p>", at)) != std::string::npos; ++at) ++items;
-    EXPECT_EQ(items, static_cast<size_t>(PARAMEX_MAX));
-    plan.nSize[0] = -4;
-    EXPECT_NE(Text<_planinfo>(FormatIntvPlan, plan).find("<d0></d0>"), std::string::npos);
+    plan.nSize[2] = 1000;
+    plan.nSize[3] = -4;
+    EXPECT_NE(Text<_planinfo>(FormatIntvPlan, plan).find("<d2>1-2;3-4;5-6;7-8;</d2><d3></d3>"),
+              std::string::npos);
 
     // A document that does not fit is not written at all.
     char small[40] = "x";
@@ -162,9 +150,6 @@ TEST(CfgDocTest, ReadersAndWritersStayInsideTheirBounds) {
     auto scene = std::make_unique<_ruleinfo>();
     scene->rule.ZoneSize = 3;
     EXPECT_EQ(FormatIntvScene(scene.get(), small, sizeof small), 0);
-    EXPECT_EQ(FormatIntvParam(nullptr, small, sizeof small), 0);
-    std::vector<_temple_config*> none;
-    EXPECT_EQ(ParasTempleFromXML(nullptr, none), 0);
 
     // An element longer than the element buffer is read from its first part.
     std::string huge = "<records><record><sn>1</sn><pre>4</pre>" +

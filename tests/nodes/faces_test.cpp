@@ -61,13 +61,11 @@ TEST_F(Faces, RefusalsAndMissingPieces) {
     EXPECT_EQ(peer.Received().size(), 1u);         // the refused create ends staff 3's walk
     EXPECT_EQ(FaceId(3), "0");
     EXPECT_EQ(RegistFaceEx(40, 2, 9, root()), 0);
-    EXPECT_EQ(RegistFaceEx(40, 2, 3, nullptr), 0);
 
     CMysqlDB conn;
     ASSERT_TRUE(ConnectDB(&conn));
     const std::string url = "rtsp://127.0.0.1:" + std::to_string(peer.port()) + kIntvDev;
     EXPECT_EQ(RegistFace(&conn, url.c_str(), root(), nullptr, 3), 0);  // no name: no create
-    EXPECT_EQ(RegistFace(&conn, url.c_str(), root(), "x", 0), 0);
     EXPECT_EQ(peer.Received().size(), 1u);
     CloseDB(&conn);
 }
