@@ -43,7 +43,8 @@ protected:
     }
     void TearDown() override { SetRebootFunc(previous); }
     bool Run(int32_t cmd, int nodeid = 0) {
-        _http_command c{cmd};
+        _http_command c{};
+        c.command = cmd;
         c.nodeid = nodeid;
         c.nodetype = DEVICE_NODE;
         return dlg.HttpProcess(&c);
