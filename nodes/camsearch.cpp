@@ -49,7 +49,7 @@ int SearchByLogin(const COMMAND_INFO& cmd, std::vector<_cammera_info*>& cameras)
     if (login < 0) return 0;
     int length = static_cast<int>(SEARCH_REPLY_SIZE);
     RUSK_DVR_GetConfig(login, cmd.nChan, CFG_CAMERA_SEARCH, cmd.nDvrType, reply.get(), &length);
-    RUSK_DVR_Logout(login);
+    RUSK_DVR_Logout(login, cmd.nDvrType);
     return ParasCameraListFromXML(reply.get(), cameras);
 }
 

@@ -2,6 +2,8 @@
  * docs/protocol.md describes what goes over the wire. All functions are thread-safe. */
 #pragma once
 
+#include "VornMediaDef.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -41,7 +43,58 @@ int RUSK_DVR_Login(const char* ip, int port, const char* user, const char* passw
 int RUSK_DVR_GetConfig(int login, int chan, int command, int dvrType, char* buffer, int* length);
 
 /* Ends a login; 0 for a login that is not open. */
-int RUSK_DVR_Logout(int login);
+int RUSK_DVR_Logout(int login, int dvrType);
+
+/* ---- Streams ----
+ * Data callbacks get packets that start with a _media_head (VornMediaDef.h); `dataType` is
+ * the packet's _media_type. A media-server stream also reports status with a null buffer:
+ * dataType VORN_STATUS_LOGOUT (105) when it dropped, VORN_STATUS_RELINK (111) when the
+ * library has opened it again. Callbacks of one handle run on the library's reader thread
+ * of that handle, in order; never stop a handle from its own callback. */
+typedef void (*RUSK_DataCallBack)(int handle, int dataType, unsigned char* buffer, int length,
+                                  int extra, void* user);
+/* Playback by time: returns 1 when the packet was taken. */
+typedef int (*RUSK_ReplayCallBack)(int handle, int dataType, unsigned char* buffer, int length,
+                                   void* user);
+
+/* Plays `url` from a media server (the play address with its route segments and query).
+ * `mode` 1. Returns a handle >= 0, or a negative value when it could not be opened; a
+ * dropped stream is re-opened with back-off until it is stopped. */
+int RUSK_MEDIA_PLAY(const char* url, int mode, RUSK_DataCallBack callback, void* user);
+/* Stops it (interrupting a blocked read) and joins its reader. Returns 1, 0 when unknown. */
+int RUSK_STOP_MEDIA_PLAY(int handle);
+
+typedef struct RUSK_DVR_TIME {
+    int dwYear, dwMonth, dwDay, dwHour, dwMinute, dwSecond;
+} RUSK_DVR_TIME;
+
+/* What a playback by time asks for; only these fields are read. */
+typedef struct RUSK_DVR_FINDDATA {
+    int ch; /* channel number */
+    RUSK_DVR_TIME struStartTime;
+    RUSK_DVR_TIME struStopTime;
+    char sCardNum[40]; /* channel code, when the device names channels so */
+    int reserved[8];
+} RUSK_DVR_FINDDATA;
+
+/* Live stream `stream` (0 main, 1 sub) of channel `chan` (or of the channel named `chanId`)
+ * over a login. Handle >= 0, or negative. */
+int RUSK_DVR_RealPlay_Ex(int login, int chan, int stream, int dvrType, RUSK_DataCallBack callback,
+                         void* user);
+int RUSK_DVR_RealPlay_Ex2(int login, const char* chanId, int stream, int dvrType,
+                          RUSK_DataCallBack callback, void* user);
+/* Recorded video of the span in `find` over a login. `reserved` 0. Handle >= 0, or negative. */
+int RUSK_DVR_PlayBackByTime(int login, const RUSK_DVR_FINDDATA* find, int reserved, int dvrType,
+                            RUSK_ReplayCallBack callback, void* user);
+void RUSK_DVR_StopRealPlay(int handle, int dvrType);
+void RUSK_DVR_StopPlayBack(int handle, int dvrType);
+
+/* PTZ command `command` (24: go to preset `param`) on a channel by number or by name.
+ * Returns 1 on success, 0 otherwise. */
+int RUSK_DVR_PTZControl_Other(int login, int chan, int command, int param, int param2, int param3,
+                              int dvrType);
+int RUSK_DVR_PTZControl_Other2(int login, const char* chanId, const char* extra, int command,
+                               int param, int param2, int param3, int dvrType);
 
 /* Changes the connect and whole-request time-outs of later commands (milliseconds;
  * values <= 0 restore 3000 and 10000). */

@@ -153,7 +153,7 @@ int RUSK_DVR_GetConfig(int, int, int, int, char*, int* length) {
     return 0;
 }
 
-int RUSK_DVR_Logout(int) { return 0; }
+int RUSK_DVR_Logout(int, int) { return 0; }
 
 void RUSK_SetTimeouts(int connectMs, int totalMs) {
     rusk::g_connectMs.store(connectMs > 0 ? connectMs : rusk::kDefaultConnectMs);
