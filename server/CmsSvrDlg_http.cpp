@@ -128,24 +128,16 @@ uint32_t NextRecordSession() {
     return GetCurrentTime() * kSessionSlots + next;
 }
 
-// Publishes the job and starts it. A job that did not start is taken back at once rather
-// than left for the maintenance time-out.
+// Publishes the job and starts it. A job whose start reports failure stays published: a
+// stream from a media server reports failure while it opens, so the job is left for the
+// maintenance thread to retire when no data comes.
 bool StartJob(const char* url, std::unique_ptr<_USER_CMD_INFO> owned) {
     _USER_CMD_INFO* job = owned.get();
     {
         std::lock_guard<std::mutex> lock(csRecorder);
         m_arrUserInfos.push_back(owned.release());
     }
-    if (VornMediaPlay(url, job) != 0) return true;
-    {
-        std::lock_guard<std::mutex> lock(csRecorder);
-        auto it = std::find(m_arrUserInfos.begin(), m_arrUserInfos.end(), job);
-        if (it == m_arrUserInfos.end()) return false;  // already retired by someone else
-        m_arrUserInfos.erase(it);
-    }
-    VornMediaStop(job);
-    delete job;
-    return false;
+    return VornMediaPlay(url, job) != 0;
 }
 
 // ---- Handlers: each runs one command and returns its result ----
