@@ -116,7 +116,7 @@ int mkdirEx(const char* path) {
     size_t slash = full.find('/', full.empty() || full[0] != '/' ? 0 : 1);
     for (; slash != std::string::npos; slash = full.find('/', slash + 1)) {
         const std::string prefix = full.substr(0, slash);
-        if (access(prefix.c_str(), F_OK) != 0) mkdir(prefix.c_str(), 0600);
+        if (access(prefix.c_str(), F_OK) != 0) mkdir(prefix.c_str(), 0700);
     }
     return 1;
 }

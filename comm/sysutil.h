@@ -22,8 +22,9 @@ int filesize(FILE* stream);
 // 256-byte buffers its callers use; longer results are truncated to fit.
 void Getfilepath(const char* dir, const char* name, char* out);
 void Getfilepath(const char* dir, const char* name, char* out, size_t outSize);
-// Creates the directories named before each '/' of `path` (mode 0600, kept as the system
-// always had it); the part after the last '/' is not created. 0 for a null path.
+// Creates the directories named before each '/' of `path` (mode 0700: owner only, with the
+// search bit so that a server running as a normal user can enter what it made); the part
+// after the last '/' is not created. 0 for a null path.
 int mkdirEx(const char* path);
 // Removes a file, or a directory with everything below it; links are not followed.
 int DeletePath(const char* path);
