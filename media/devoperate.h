@@ -18,11 +18,26 @@ extern std::mutex csMediaCheck;
 extern std::mutex csStackCheck;
 extern std::mutex semaphoreUserCheck;
 
+// Consumer kinds (_USER_CMD_INFO::type).
+enum _manual_type {
+    INTV_DOWN = 1,    // analytics event clip: every picture decoded
+    MANUAL_CAP = 2,   // one JPEG, "<path>/<id>"
+    MANUAL_REC = 3,   // MP4 "<path>/<id>.mp4"
+    MANUAL_DOWN = 4,  // MP4 "<path>/<id>.mp4"; asks for nothing in CheckDecodeType
+    TIGER_CAP = 5,    // one JPEG, "<path>/<id>/<n>.jpg"
+    TIGER_REC = 6,    // MP4 "<path>/<id><n>.mp4"
+};
+
 // Opens (or shares) the play session of `url` for `info` and sets its start and last-data
-// ticks. 1 when the session started; 0 for null arguments, no free slot or a failed start.
-// `info` stays owned by the caller (normally an entry of m_arrUserInfos).
+// ticks and its player (under csRecorder; call it without that lock). A URL without
+// "live" gets a replay session of its own. 1 when the session runs; 0 for null arguments,
+// no free slot or a failed start, and also while a media-server stream opens: the consumer
+// then stays attached and is stopped normally. `info` stays owned by the caller (normally
+// an entry of m_arrUserInfos).
 int VornMediaPlay(const char* url, _USER_CMD_INFO* info);
-// Stops the session of `info`; 0 when `info` or its player is null.
+// Leaves the session of `info` (the last consumer closes the stream, joining its thread:
+// never call it with csRecorder held). 1 when this closed the session; 0 when `info` or
+// its player is null or other consumers remain.
 int VornMediaStop(_USER_CMD_INFO* info);
 // Moves a camera to a preset. `url` is a play address followed by
 // "?cmd=ptzctrl&type=24&param1=<preset>". An address routed through media servers is

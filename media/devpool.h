@@ -103,6 +103,8 @@ CHANPLAY_INFO* GetPlayLink(const char* url, bool replay);
 // Adds a channel to the login and logs in on the first one. True when the slot holds a
 // login. A failed first login is not retried while other channels hold the count.
 bool ConnectDev(DVR_INFO* dev);
+// ConnectDev that answers the login id (-1 when there is none).
+int ConnectDevLogin(DVR_INFO* dev);
 // Removes a channel; logs out when it was the last. True when this call logged out.
 bool CloseDev(DVR_INFO* dev);
 // Idle logout pass (every 5 s from the maintenance thread). Returns 1.

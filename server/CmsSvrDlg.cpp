@@ -3,12 +3,17 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <set>
 #include <vector>
 
 #include "RUSKNetSDK.h"
+#include "RtspClientSDK.h"
+#include "VornCodec.h"
 #include "VornNetSDK.h"
 #include "comm/globle.h"
 #include "comm/sysutil.h"
+#include "media/devoperate.h"
+#include "media/devpool.h"
 #include "mysql/sqldbop.h"
 
 CCMSSvrDlg* pMainDlg = nullptr;
@@ -16,6 +21,8 @@ volatile std::sig_atomic_t bKillProg = 0;
 std::atomic<int> m_nRemoteOperate{0};
 
 namespace {
+
+constexpr int kPoolSlots = 64;  // device logins and play sessions each
 
 // The network library calls back with a plain user pointer.
 void MessageTrampoline(int clientId, unsigned char* data, int length, void* user) {
@@ -50,6 +57,31 @@ void LoadRegions(CMysqlDB& db, std::vector<_msg_region_base*>& out) {
     }
 }
 
+// dev.xml is optional. Its templates serve the server's own RTSP plays and, handed to the
+// device library, its driver's streams; the first entry of a type wins, as in GetRtspHelp.
+void RegisterDeviceTemplates() {
+    if (m_arrRtspString.empty()) readdevconfig();
+    std::set<int> seen;
+    for (const _RtspHelpString* t : m_arrRtspString)
+        if (seen.insert(t->type).second)
+            RUSK_DVR_SetStreamTemplate(t->type, t->main, t->second, t->replay);
+}
+
+// Every consumer is taken out and its stream closed, so no callback outlives the pools.
+void StopMediaJobs() {
+    std::vector<_USER_CMD_INFO*> jobs;
+    {
+        std::lock_guard<std::mutex> lock(csRecorder);
+        jobs.swap(m_arrUserInfos);
+        for (_USER_CMD_INFO* job : jobs) {
+            MP4RecordClose(job->precorder);
+            job->precorder = nullptr;
+        }
+    }
+    for (_USER_CMD_INFO* job : jobs) VornMediaStop(job);
+    ReleaseArray(jobs);
+}
+
 template <class T>
 void AppendAll(std::vector<T*>& to, std::vector<T*>& from) {
     to.insert(to.end(), from.begin(), from.end());
@@ -69,6 +101,8 @@ CCMSSvrDlg::CCMSSvrDlg()
       m_bDevIntvEventExit(false),
       m_bSvrIntvEventExit(false) {
     m_cfgLocalParam = _LoaclParam{};
+    init_assign_dev(kPoolSlots);
+    init_assign_player(kPoolSlots);
     readfilepath(m_arrFilePath);
     pMainDlg = this;
 }
@@ -79,6 +113,9 @@ CCMSSvrDlg::~CCMSSvrDlg() {
     LocalIntvProcessRun(false);
     RunMessageServer(false);
     RunHttpServer(false);
+    StopMediaJobs();
+    destroy_assign_player();
+    destroy_assign_dev();
     // Nothing can reach the catalogue any more; free it so that leak checkers stay quiet.
     ReleaseData();
     {
@@ -91,13 +128,16 @@ CCMSSvrDlg::~CCMSSvrDlg() {
 
 void CCMSSvrDlg::InitSDK() {
     VornNetSDK_Init(this);
+    RtspClient_Init();
     RUSK_DVR_InitAll();
+    InitCodec();
     puts("InitSDK succ");
 }
 
 void CCMSSvrDlg::DestroySDK() { VornNetSDK_destroy(); }
 
 bool CCMSSvrDlg::InitSystem() {
+    RegisterDeviceTemplates();
     if (readconfig(&m_cfgLocalParam) != 1) return false;
     return readcmsconfig(&m_cfgCms) == 1;
 }

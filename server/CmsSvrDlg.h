@@ -3,8 +3,10 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <csignal>
 #include <cstdint>
+#include <mutex>
 #include <thread>
 
 class CQue;
@@ -45,6 +47,14 @@ public:
     // One round of the main loop: load until it succeeds, then serve resets.
     void LoopOnce();
 
+    // ---- Maintenance (server/CmsSvrDlg_maint.cpp) ----
+    static int TransMessageThread(CCMSSvrDlg* self);
+    // Retires at most one finished or stale media consumer (its recorder closed first,
+    // its player stopped outside csRecorder).
+    void Checklinks();
+    // Appends the region after m_nLastRegion, if the database has one.
+    void PollNewRegion();
+
     // ---- Message protocol ----
     static void MessageCallBack(int clientId, unsigned char* data, int length, CCMSSvrDlg* self);
     static void HttpCallBack(int clientId, unsigned char* data, int length, CCMSSvrDlg* self);
@@ -82,6 +92,8 @@ public:
     std::atomic<bool> m_bSvrIntvEventExit;
 
 private:
-    bool m_bLoaded = false;  // the first LoadData of this run succeeded
-    std::thread m_msgThread;
+    bool m_bLoaded = false;    // the first LoadData of this run succeeded
+    std::thread m_msgThread;   // maintenance thread
+    std::mutex m_msgWaitLock;  // with m_msgWake: cuts its pause short on stop
+    std::condition_variable m_msgWake;
 };

@@ -352,7 +352,7 @@ bool CCMSSvrDlg::IntvDownProcess() {
     info->id = alarm.nAlarmID;
     info->type = 1;
     std::snprintf(info->table, sizeof info->table, "%s", "intveventlog");
-    info->unlastdata = GetTickCount();
+    info->unStart = info->unlastdata = GetTickCount();  // not stale before it starts
     const bool started = StartConsumer(replayUrl, info);
     // By one, not to the alarm id, so that ids skipped on the way are visited later.
     ++m_nLastRecord;

@@ -252,7 +252,7 @@ bool OnMediaJob(CCMSSvrDlg&, _http_command& c) {
         CopyText(job->path, sizeof job->path, area->path);
     }
     if (c.command == HTTP_MANUAL_REC) job->unSession = c.session = NextRecordSession();
-    job->unlastdata = GetTickCount();
+    job->unStart = job->unlastdata = GetTickCount();  // not stale before it starts
     const bool started = StartJob(playUrl.c_str(), std::move(job));
     if (!started) c.session = 0;
     return started;

@@ -1,5 +1,4 @@
 // Entry points whose work arrives with later features; see docs/STATUS.md.
 #include "server/CmsSvrDlg.h"
 
-void CCMSSvrDlg::MessageProcessRun(bool start) {}
 void CCMSSvrDlg::LocalIntvProcessRun(bool start) {}
