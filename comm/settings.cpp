@@ -88,6 +88,7 @@ void ReadDevEntry(const char* entry, _RtspHelpString& rec) {
     ReadInt(entry, "<mode>", "</mode>", rec.mode);
     ReadText(entry, "<main>", "</main>", rec.main, sizeof rec.main);
     ReadText(entry, "<sub>", "</sub>", rec.second, sizeof rec.second);
+    ReadText(entry, "<replay>", "</replay>", rec.replay, sizeof rec.replay);
 }
 
 }  // namespace

@@ -43,6 +43,7 @@ struct _RtspHelpString {
     int mode;
     char main[255];
     char second[255];
+    char replay[255];  // playback by time through the device library; empty when none
 };
 
 // Directory the readers look in; "./config" unless a test points it elsewhere.

@@ -147,14 +147,16 @@ TEST_F(Settings, DeviceTemplates) {
     EXPECT_EQ(0, readdevconfig());  // no <devs>
     Write("dev.xml",
           "<devs><dev><name>cam</name><verify>1</verify><link>1</link><type>5</type>"
-          "<mode>2</mode><main>{ip}/m</main><sub>{ip}/s</sub></dev><dev><name>" +
+          "<mode>2</mode><main>{ip}/m</main><sub>{ip}/s</sub><replay>{ip}/r?a&b</replay></dev>"
+          "<dev><name>" +
               std::string(600, 'n') + "</name></dev><dev><name>last</name></dev></devs>");
     ASSERT_EQ(1, readdevconfig());
     ASSERT_EQ(3u, m_arrRtspString.size());
     const _RtspHelpString* t = m_arrRtspString[0];
     EXPECT_TRUE(t->bCheckPass);
     EXPECT_EQ((std::vector<int>{1, 5, 2}), (std::vector<int>{t->link, t->type, t->mode}));
-    EXPECT_EQ("cam {ip}/m {ip}/s", std::string(t->name) + " " + t->main + " " + t->second);
+    EXPECT_EQ("cam {ip}/m {ip}/s {ip}/r?a&b",
+              std::string(t->name) + " " + t->main + " " + t->second + " " + t->replay);
     // The over-long entry is cut to its buffer, losing its </name>: an empty record.
     EXPECT_EQ('\0', m_arrRtspString[1]->name[0]);
     EXPECT_STREQ("last", m_arrRtspString[2]->name);

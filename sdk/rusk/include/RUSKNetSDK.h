@@ -32,18 +32,30 @@ int RUSK_DVR_InitAll(void);
 int RUSK_TRANSCOMMAND(const char* url, int command, const char* body, int bodyLength, char* reply,
                       int* replyLength);
 
-/* Device login for configuration reads (camera lists of recorders reached directly).
- * Recorders speak their makers' own protocols, which this library does not: the login is
- * not supported and always answers -1, so callers take their "login failed" path. */
+/* ---- Devices ----
+ * Every device type is served by a driver; the built-in one speaks to devices that stream
+ * over RTSP and take commands over the HTTP command channel (/xconfig on the login port).
+ * docs/devices.md describes what each call sends. */
+
+/* Logs in to the device at ip:port (1..65535) with the given credentials (NULL reads as
+ * empty). The built-in driver asks the device "/xconfig?cmd=login" with HTTP basic
+ * authentication. Returns a login id >= 0, or -1 when the device did not accept. */
 int RUSK_DVR_Login(const char* ip, int port, const char* user, const char* password, int dvrType);
 
 /* Reads configuration `command` of channel `chan` over a login into `buffer`
- * (`*length` in: its capacity; out: the bytes written). Returns 1 on success; 0 for a
- * login that is not open, which is every login while RUSK_DVR_Login is not supported. */
+ * (`*length` in: its capacity; out: the bytes written; zero-terminated when there is
+ * room). Returns 1 when the device answered, 0 otherwise (also for a login that is not open). */
 int RUSK_DVR_GetConfig(int login, int chan, int command, int dvrType, char* buffer, int* length);
 
-/* Ends a login; 0 for a login that is not open. */
+/* Ends a login; 1, or 0 for a login that is not open. Streams opened over it stay open
+ * until stopped. */
 int RUSK_DVR_Logout(int login, int dvrType);
+
+/* Stream address templates of a device type for the built-in driver: `live` for stream 0,
+ * `sub` for any other stream, `replay` for playback by time; each without "rtsp://", with
+ * the placeholders {ip} {port} {user} {pass} {chan} {stream} {start} {stop} (NULL or empty:
+ * none). Replaces what the type had; all three empty forget it. Returns 1. */
+int RUSK_DVR_SetStreamTemplate(int dvrType, const char* live, const char* sub, const char* replay);
 
 /* ---- Streams ----
  * Data callbacks get packets that start with a _media_head (VornMediaDef.h); `dataType` is
@@ -78,19 +90,23 @@ typedef struct RUSK_DVR_FINDDATA {
 } RUSK_DVR_FINDDATA;
 
 /* Live stream `stream` (0 main, 1 sub) of channel `chan` (or of the channel named `chanId`)
- * over a login. Handle >= 0, or negative. */
+ * over a login. Handle >= 0, or negative (no login, no callback, no template for the
+ * device type, or the stream did not open). Packets go to `callback` with extra 0. */
 int RUSK_DVR_RealPlay_Ex(int login, int chan, int stream, int dvrType, RUSK_DataCallBack callback,
                          void* user);
 int RUSK_DVR_RealPlay_Ex2(int login, const char* chanId, int stream, int dvrType,
                           RUSK_DataCallBack callback, void* user);
-/* Recorded video of the span in `find` over a login. `reserved` 0. Handle >= 0, or negative. */
+/* Recorded video of the span in `find` over a login (channel `sCardNum` when it is not
+ * empty, else `ch`). `reserved` 0. Handle >= 0, or negative. */
 int RUSK_DVR_PlayBackByTime(int login, const RUSK_DVR_FINDDATA* find, int reserved, int dvrType,
                             RUSK_ReplayCallBack callback, void* user);
+/* Stop a stream and wait for its reader: no callback of the handle runs after they return.
+ * Never call them from the handle's own callback. Unknown handles are ignored. */
 void RUSK_DVR_StopRealPlay(int handle, int dvrType);
 void RUSK_DVR_StopPlayBack(int handle, int dvrType);
 
-/* PTZ command `command` (24: go to preset `param`) on a channel by number or by name.
- * Returns 1 on success, 0 otherwise. */
+/* PTZ command `command` (24: go to preset `param`) on a channel by number or by name
+ * (`extra` is not used by the built-in driver). Returns 1 on success, 0 otherwise. */
 int RUSK_DVR_PTZControl_Other(int login, int chan, int command, int param, int param2, int param3,
                               int dvrType);
 int RUSK_DVR_PTZControl_Other2(int login, const char* chanId, const char* extra, int command,

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "RUSKNetSDK.h"
+#include "command.h"
 #include "ruskurl.h"
 
 namespace rusk {
@@ -86,7 +87,8 @@ bool CommandUrlToHttp(const char* url, std::string& out) {
 namespace {
 
 // Runs the request; the HTTP status, or 0 when there was no answer.
-long Perform(const std::string& httpUrl, const char* body, int bodyLength, ReplySink& sink) {
+long Perform(const std::string& httpUrl, const char* user, const char* pass, const char* body,
+             int bodyLength, ReplySink& sink) {
     CurlHandle curl(curl_easy_init());
     if (!curl) return 0;
     CURL* c = curl.get();
@@ -97,6 +99,12 @@ long Perform(const std::string& httpUrl, const char* body, int bodyLength, Reply
     curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, static_cast<long>(g_totalMs.load()));
     curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, WriteReply);
     curl_easy_setopt(c, CURLOPT_WRITEDATA, &sink);
+    if (user != nullptr && user[0] != '\0') {
+        // Sent with the first request: devices answer 401 rather than challenge first.
+        curl_easy_setopt(c, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_BASIC));
+        curl_easy_setopt(c, CURLOPT_USERNAME, user);
+        curl_easy_setopt(c, CURLOPT_PASSWORD, pass != nullptr ? pass : "");
+    }
     // Nodes answer plain HTTP/1.x and do not know "Expect: 100-continue"; waiting for
     // it would cost a second on every larger body.
     HeaderList headers(curl_slist_append(nullptr, "Expect:"));
@@ -119,6 +127,21 @@ long Perform(const std::string& httpUrl, const char* body, int bodyLength, Reply
 
 }  // namespace
 
+int HttpCommand(const std::string& httpUrl, const char* user, const char* pass, const char* body,
+                int bodyLength, char* reply, int* replyLength) {
+    size_t capacity = (reply != nullptr && replyLength != nullptr && *replyLength > 0)
+                          ? static_cast<size_t>(*replyLength)
+                          : 0;
+    if (replyLength != nullptr) *replyLength = 0;
+    if (capacity > 0) reply[0] = '\0';
+    GlobalInit();
+    ReplySink sink{reply, capacity};
+    long status = Perform(httpUrl, user, pass, body, bodyLength, sink);
+    if (sink.used < capacity) reply[sink.used] = '\0';
+    if (replyLength != nullptr) *replyLength = static_cast<int>(sink.used);
+    return status >= 200 && status < 300 ? 1 : 0;
+}
+
 }  // namespace rusk
 
 extern "C" {
@@ -130,30 +153,14 @@ int RUSK_DVR_InitAll(void) {
 
 int RUSK_TRANSCOMMAND(const char* url, int command, const char* body, int bodyLength, char* reply,
                       int* replyLength) {
-    size_t capacity = (reply != nullptr && replyLength != nullptr && *replyLength > 0)
-                          ? static_cast<size_t>(*replyLength)
-                          : 0;
-    if (replyLength != nullptr) *replyLength = 0;
-    if (capacity > 0) reply[0] = '\0';
     std::string httpUrl;
-    if (command != RUSK_COMMAND_HTTP || !rusk::CommandUrlToHttp(url, httpUrl)) return 0;
-
-    rusk::GlobalInit();
-    rusk::ReplySink sink{reply, capacity};
-    long status = rusk::Perform(httpUrl, body, bodyLength, sink);
-    if (sink.used < capacity) reply[sink.used] = '\0';
-    if (replyLength != nullptr) *replyLength = static_cast<int>(sink.used);
-    return status >= 200 && status < 300 ? 1 : 0;
+    if (command != RUSK_COMMAND_HTTP || !rusk::CommandUrlToHttp(url, httpUrl)) {
+        if (replyLength != nullptr && *replyLength > 0 && reply != nullptr) reply[0] = '\0';
+        if (replyLength != nullptr) *replyLength = 0;
+        return 0;
+    }
+    return rusk::HttpCommand(httpUrl, nullptr, nullptr, body, bodyLength, reply, replyLength);
 }
-
-int RUSK_DVR_Login(const char*, int, const char*, const char*, int) { return -1; }
-
-int RUSK_DVR_GetConfig(int, int, int, int, char*, int* length) {
-    if (length != nullptr) *length = 0;
-    return 0;
-}
-
-int RUSK_DVR_Logout(int, int) { return 0; }
 
 void RUSK_SetTimeouts(int connectMs, int totalMs) {
     rusk::g_connectMs.store(connectMs > 0 ? connectMs : rusk::kDefaultConnectMs);
