@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 
 namespace cmstest {
 
@@ -24,21 +25,30 @@ bool ReadMore(int fd, std::string& in) {
     return true;
 }
 
-size_t ContentLength(const std::string& head) {
+// The value of header `name` ("content-length:"), without leading blanks; empty when absent.
+std::string HeaderValue(const std::string& head, const char* name) {
     size_t at = 0;
+    const size_t nameLength = std::strlen(name);
     while ((at = head.find("\r\n", at)) != std::string::npos) {
         at += 2;
-        static const char kName[] = "content-length:";
-        if (strncasecmp(head.c_str() + at, kName, sizeof(kName) - 1) == 0)
-            return std::strtoul(head.c_str() + at + sizeof(kName) - 1, nullptr, 10);
+        if (strncasecmp(head.c_str() + at, name, nameLength) != 0) continue;
+        size_t from = head.find_first_not_of(' ', at + nameLength);
+        size_t end = head.find("\r\n", at);
+        return from == std::string::npos || from >= end ? "" : head.substr(from, end - from);
     }
-    return 0;
+    return "";
+}
+
+size_t ContentLength(const std::string& head) {
+    return std::strtoul(HeaderValue(head, "content-length:").c_str(), nullptr, 10);
 }
 
 const char* StatusText(int status) {
     switch (status) {
         case 200:
             return "OK";
+        case 401:
+            return "Unauthorized";
         case 404:
             return "Not Found";
         default:
@@ -78,6 +88,11 @@ void HttpPeer::Answer(const std::string& targetPart, const std::string& body, in
     m_answers.emplace_back(targetPart, Reply{status, body});
 }
 
+void HttpPeer::RequireAuthorization(const std::string& value) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_authorization = value;
+}
+
 std::vector<std::string> HttpPeer::Requests() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     std::vector<std::string> lines;
@@ -113,7 +128,8 @@ void HttpPeer::Handle(int fd) {
     size_t headEnd;
     while ((headEnd = in.find("\r\n\r\n")) == std::string::npos)
         if (!ReadMore(fd, in)) return;
-    const size_t bodyLength = ContentLength(in.substr(0, headEnd + 2));
+    const std::string head = in.substr(0, headEnd + 2);
+    const size_t bodyLength = ContentLength(head);
     while (in.size() < headEnd + 4 + bodyLength)
         if (!ReadMore(fd, in)) return;
 
@@ -126,12 +142,14 @@ void HttpPeer::Handle(int fd) {
     req.path = req.target.substr(0, q);
     req.query = q == std::string::npos ? "" : req.target.substr(q + 1);
     req.body = in.substr(headEnd + 4, bodyLength);
+    req.authorization = HeaderValue(head, "authorization:");
 
     Reply reply{404, ""};
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         for (const auto& [part, answer] : m_answers)
             if (req.target.find(part) != std::string::npos) reply = answer;
+        if (!m_authorization.empty() && req.authorization != m_authorization) reply = {401, ""};
         m_requests.push_back(std::move(req));
     }
     std::string out = "HTTP/1.1 " + std::to_string(reply.status) + " " + StatusText(reply.status) +

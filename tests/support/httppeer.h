@@ -22,6 +22,7 @@ public:
         std::string path;    // target before '?'
         std::string query;   // target after '?', empty when none
         std::string body;
+        std::string authorization;  // value of the Authorization header, empty when none
     };
 
     HttpPeer();
@@ -32,6 +33,9 @@ public:
     int port() const { return m_port; }
     // Answers targets containing `targetPart` with `body` (any bytes) and `status`.
     void Answer(const std::string& targetPart, const std::string& body, int status = 200);
+    // From now on, requests whose Authorization header is not exactly `value` get 401
+    // (empty: no check), as a device that checks credentials answers.
+    void RequireAuthorization(const std::string& value);
     std::vector<std::string> Requests() const;  // request lines, in arrival order
     std::vector<Request> Received() const;      // whole requests, in arrival order
     std::vector<std::string> Targets() const;   // their targets, in arrival order
@@ -47,8 +51,9 @@ private:
     int m_fd = -1;
     int m_port = 0;
     std::atomic<bool> m_stop{false};
-    mutable std::mutex m_mutex;                            // guards m_answers and m_requests
+    mutable std::mutex m_mutex;                            // guards the three below
     std::vector<std::pair<std::string, Reply>> m_answers;  // in registration order
+    std::string m_authorization;                           // required value, empty: none
     std::vector<Request> m_requests;
     std::thread m_thread;
 };
