@@ -1,14 +1,18 @@
 // The codec library on the sample streams: decoding, encoding and MP4 recording.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "VornCodec.h"
+#include "support/daemon.h"
 
 namespace {
 
@@ -33,6 +37,12 @@ std::vector<Bytes> SplitUnits(const Bytes& s) {
         units.emplace_back(s.begin() + starts[k],
                            k + 1 < starts.size() ? s.begin() + starts[k + 1] : s.end());
     return units;
+}
+
+// The NAL type of a unit that starts with its start code.
+int NalType(const Bytes& unit, bool h265) {
+    const uint8_t header = unit[unit[2] == 1 ? 3 : 4];
+    return h265 ? (header >> 1) & 63 : header & 31;
 }
 
 struct Picture {
@@ -169,6 +179,147 @@ TEST(Encoder, RefusesWhatItCannotEncode) {
     int length = 0;
     EXPECT_EQ(VideoEncodeData(nullptr, nullptr, 0, 0, &out, &length), 0);
     VideoEncodeDestroy(nullptr);
+}
+
+// What ffprobe, run as a separate program, makes of a file: its stream's codec, size, frame
+// count (every packet read) and duration.
+std::map<std::string, std::string> Probe(const std::string& file) {
+    const std::string command =
+        "ffprobe -v error -count_packets -select_streams v:0 -show_entries "
+        "stream=codec_name,width,height,nb_read_packets,duration -of default=nw=1 '" +
+        file + "' 2>/dev/null";
+    std::map<std::string, std::string> fields;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (!pipe) return fields;
+    char line[256];
+    while (fgets(line, sizeof line, pipe)) {
+        std::string text(line);
+        size_t eq = text.find('=');
+        if (eq != std::string::npos)
+            fields[text.substr(0, eq)] = text.substr(eq + 1, text.find_last_not_of("\r\n") - eq);
+    }
+    pclose(pipe);
+    return fields;
+}
+
+bool Exists(const std::string& file) {
+    struct stat st;
+    return stat(file.c_str(), &st) == 0;
+}
+
+struct RecordCase {
+    Sample sample;
+    const char* codecName;
+    const char* duration;  // five pictures at 25 a second, or one at 30
+};
+
+// The server hands over the parameter sets as the head and then each picture unit alone;
+// another writer may pass the whole stream at once. Both give one sample per picture, timed
+// by the rate the stream states.
+TEST(Mp4Record, SamplesRecordedWholeOrUnitByUnitProbeAsTheStream) {
+    const RecordCase cases[] = {{kSamples[0], "h264", "0.033333"},
+                                {kSamples[1], "h264", "0.200000"},
+                                {kSamples[2], "hevc", "0.033333"},
+                                {kSamples[3], "hevc", "0.200000"}};
+    cmstest::TempDir dir;
+    for (const RecordCase& c : cases) {
+        const Bytes stream = ReadSample(c.sample.file);
+        for (bool byUnit : {false, true}) {
+            SCOPED_TRACE(std::string(c.sample.file) + (byUnit ? " by unit" : " whole"));
+            const std::string file = dir.File(std::string(c.sample.file) + ".mp4");
+            void* recorder = MP4RecordOpen(file.c_str(), c.sample.codec, c.sample.width,
+                                           c.sample.height, 25, 0, 0, 0, 0);
+            ASSERT_NE(recorder, nullptr);
+            if (byUnit) {
+                Bytes head;
+                std::vector<Bytes> pictures;
+                const bool h265 = c.sample.codec == VORN_H265;
+                for (const Bytes& unit : SplitUnits(stream)) {
+                    const int type = NalType(unit, h265);
+                    if (h265 ? type >= 32 && type <= 34 : type == 7 || type == 8)
+                        head.insert(head.end(), unit.begin(), unit.end());
+                    else
+                        pictures.push_back(unit);
+                }
+                MP4RecordSetHead(recorder, head.data(), int(head.size()));
+                for (const Bytes& unit : pictures)
+                    MP4RecordWrite(recorder, unit.data(), int(unit.size()));
+            } else {
+                MP4RecordWrite(recorder, stream.data(), int(stream.size()));
+            }
+            MP4RecordClose(recorder);
+            auto probe = Probe(file);
+            EXPECT_EQ(probe["codec_name"], c.codecName);
+            EXPECT_EQ(probe["width"], std::to_string(c.sample.width));
+            EXPECT_EQ(probe["height"], std::to_string(c.sample.height));
+            EXPECT_EQ(probe["nb_read_packets"], std::to_string(c.sample.frames));
+            EXPECT_EQ(probe["duration"], c.duration);
+        }
+    }
+}
+
+// A longer recording of our own encoder's output: fragments every second, and a copy cut
+// in the middle still holds the pictures of its whole fragments.
+TEST(Mp4Record, ARecordingCutShortStillPlaysItsFirstFragments) {
+    const int w = 320, h = 240, count = 100;
+    cmstest::TempDir dir;
+    const std::string file = dir.File("long.mp4");
+    void* encoder = VideoEncodeCreate(VORN_H264, w, h, 25);
+    void* recorder = MP4RecordOpen(file.c_str(), VORN_H264, w, h, 25, 0, 0, 0, 0);
+    ASSERT_NE(encoder, nullptr);
+    ASSERT_NE(recorder, nullptr);
+    for (int i = 0; i < count; ++i) {
+        Bytes yuv = TestPicture(w, h, i);
+        unsigned char* out = nullptr;
+        int length = 0;
+        ASSERT_EQ(VideoEncodeData(encoder, yuv.data(), w, h, &out, &length), 1);
+        MP4RecordWrite(recorder, out, length);
+    }
+    VideoEncodeDestroy(encoder);
+    MP4RecordClose(recorder);
+
+    auto whole = Probe(file);
+    EXPECT_EQ(whole["nb_read_packets"], std::to_string(count));
+    EXPECT_EQ(whole["duration"], "4.000000");
+
+    std::ifstream in(file, std::ios::binary);
+    Bytes bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string cut = dir.File("cut.mp4");
+    std::ofstream(cut, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()), bytes.size() * 6 / 10);
+    auto part = Probe(cut);
+    const int frames = atoi(part["nb_read_packets"].c_str());
+    EXPECT_GE(frames, 25);
+    EXPECT_LT(frames, count);
+}
+
+TEST(Mp4Record, RefusesBadNamesAndLeavesNoFileWithoutAKeyPicture) {
+    cmstest::TempDir dir;
+    EXPECT_EQ(MP4RecordOpen("", VORN_H264, 352, 288, 25, 0, 0, 0, 0), nullptr);
+    EXPECT_EQ(MP4RecordOpen(nullptr, VORN_H264, 352, 288, 25, 0, 0, 0, 0), nullptr);
+    EXPECT_EQ(MP4RecordOpen(dir.File("x.mp4").c_str(), VORN_JPEG, 352, 288, 25, 0, 0, 0, 0),
+              nullptr);
+    EXPECT_EQ(
+        MP4RecordOpen(dir.File("no/such/dir.mp4").c_str(), VORN_H264, 352, 288, 25, 0, 0, 0, 0),
+        nullptr);
+    MP4RecordSetHead(nullptr, nullptr, 0);
+    MP4RecordWrite(nullptr, nullptr, 0);
+    MP4RecordClose(nullptr);
+
+    // Only the pictures after the key frame, and noise: nothing decodable, so no file.
+    const std::string file = dir.File("empty.mp4");
+    void* recorder = MP4RecordOpen(file.c_str(), VORN_H264, 352, 288, 25, 0, 0, 0, 0);
+    ASSERT_NE(recorder, nullptr);
+    std::vector<Bytes> units = SplitUnits(ReadSample("h264_352x288_25fps_high.h264"));
+    for (const Bytes& unit : units)
+        if (NalType(unit, false) == 1) MP4RecordWrite(recorder, unit.data(), int(unit.size()));
+    srand(3);
+    Bytes noise(10000);
+    for (auto& b : noise) b = uint8_t(rand());
+    MP4RecordSetHead(recorder, noise.data(), int(noise.size()));
+    MP4RecordWrite(recorder, noise.data(), int(noise.size()));
+    MP4RecordClose(recorder);
+    EXPECT_FALSE(Exists(file));
 }
 
 }  // namespace

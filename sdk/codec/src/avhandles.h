@@ -52,6 +52,9 @@ AVCodecID CodecIdOf(int code);
 // parser holds the last unit back until the next one starts; Flush hands it over.
 class AccessUnitSplitter {
 public:
+    // Far above any real picture (a 4K key frame is a few megabytes).
+    static constexpr size_t kMaxUnitBytes = 32u << 20;
+
     // Not Valid() when the codec has no parser; Feed then yields nothing.
     explicit AccessUnitSplitter(AVCodecID id);
     bool Valid() const { return m_parser && m_context; }
@@ -73,7 +76,13 @@ public:
             int used = av_parser_parse2(m_parser.get(), m_context.get(), &out, &outSize, at, length,
                                         AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0);
             if (used < 0 || used > length) return 0;
-            if (outSize > 0) unit(out, outSize);
+            if (outSize > 0) {
+                m_held = 0;
+                unit(out, outSize);
+            }
+            // Input that never completes a unit would pile up inside the parser.
+            m_held += used;
+            if (m_held > kMaxUnitBytes) Reset();
             // A parser that keeps taking nothing would spin forever.
             stalls = used == 0 ? stalls + 1 : 0;
             if (stalls > 1) return 0;
@@ -92,6 +101,11 @@ public:
         if (outSize > 0) unit(out, outSize);
     }
     const AVCodecParserContext& Info() const { return *m_parser; }
+    // Drops whatever the parser holds.
+    void Reset() {
+        m_parser.reset(av_parser_init(m_id));
+        m_held = 0;
+    }
     // The frame rate stated by the stream's timing information; 0/1 when it states none.
     AVRational StatedFrameRate() const;
 
@@ -100,6 +114,7 @@ private:
     ParserPtr m_parser;
     CodecContextPtr m_context;  // the parser's scratch context; never opened
     std::vector<uint8_t> m_input;
+    size_t m_held = 0;  // bytes taken since the last unit came out
 };
 
 }  // namespace vorn
