@@ -28,7 +28,7 @@ struct LoginEntry {
 
 struct StreamEntry {
     std::shared_ptr<DeviceDriver> driver;
-    int streamId;
+    int streamId = -1;
 };
 
 // Logins and streams by the ids handed to callers. Entries are copied or moved out before
