@@ -9,7 +9,7 @@
 
 namespace {
 
-using vorn::SampleTimer;
+using vcodec::SampleTimer;
 
 struct Out {
     int poc;  // of the unit whose index the sample carries

@@ -1,6 +1,6 @@
 #include "annexb.h"
 
-namespace vorn {
+namespace vcodec {
 
 bool StartsWithStartCode(const uint8_t* data, size_t size) {
     if (size >= 3 && data[0] == 0 && data[1] == 0 && data[2] == 1) return true;
@@ -32,4 +32,4 @@ std::vector<uint8_t> ParameterSets(bool hevc, const uint8_t* data, size_t size) 
     return sets;
 }
 
-}  // namespace vorn
+}  // namespace vcodec

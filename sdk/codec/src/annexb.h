@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace vorn {
+namespace vcodec {
 
 bool StartsWithStartCode(const uint8_t* data, size_t size);
 
@@ -36,4 +36,4 @@ void ForEachNal(const uint8_t* data, size_t size, F&& fn) {
 // found in `data`, the first of each kind, as Annex-B. Empty when one is missing.
 std::vector<uint8_t> ParameterSets(bool hevc, const uint8_t* data, size_t size);
 
-}  // namespace vorn
+}  // namespace vcodec

@@ -2,7 +2,7 @@
 
 #include "VornMediaDef.h"
 
-namespace vorn {
+namespace vcodec {
 
 AVCodecID CodecIdOf(int code) {
     switch (code) {
@@ -26,4 +26,4 @@ AVRational AccessUnitSplitter::StatedFrameRate() const {
     return rate;
 }
 
-}  // namespace vorn
+}  // namespace vcodec

@@ -12,7 +12,7 @@ extern "C" {
 #include <memory>
 #include <vector>
 
-namespace vorn {
+namespace vcodec {
 
 struct CodecContextFree {
     void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
@@ -117,4 +117,4 @@ private:
     size_t m_held = 0;  // bytes taken since the last unit came out
 };
 
-}  // namespace vorn
+}  // namespace vcodec

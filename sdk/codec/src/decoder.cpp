@@ -90,20 +90,20 @@ private:
                height;
     }
 
-    vorn::AccessUnitSplitter m_splitter;
+    vcodec::AccessUnitSplitter m_splitter;
     VideoCallBack m_callback;
     void* m_user;
-    vorn::CodecContextPtr m_context;
-    vorn::FramePtr m_frame;
-    vorn::PacketPtr m_packet;
-    vorn::SwsPtr m_sws;
+    vcodec::CodecContextPtr m_context;
+    vcodec::FramePtr m_frame;
+    vcodec::PacketPtr m_packet;
+    vcodec::SwsPtr m_sws;
     std::vector<uint8_t> m_picture;  // the picture handed to the callback
 };
 
 }  // namespace
 
 void* CreateDecoder(int codec, VideoCallBack callback, void* user) {
-    const AVCodecID id = vorn::CodecIdOf(codec);
+    const AVCodecID id = vcodec::CodecIdOf(codec);
     if (id == AV_CODEC_ID_NONE || !callback) return nullptr;
     auto* decoder = new (std::nothrow) VideoDecoder(id, callback, user);
     if (decoder && !decoder->Open(id)) {

@@ -65,9 +65,9 @@ public:
     }
 
 private:
-    vorn::CodecContextPtr m_context;
-    vorn::FramePtr m_frame;
-    vorn::PacketPtr m_packet;
+    vcodec::CodecContextPtr m_context;
+    vcodec::FramePtr m_frame;
+    vcodec::PacketPtr m_packet;
     int64_t m_next = 0;
     std::vector<uint8_t> m_coded;  // the last coded unit, handed out until the next call
 };

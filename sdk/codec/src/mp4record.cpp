@@ -21,7 +21,7 @@
 
 namespace {
 
-using vorn::SampleTimer;
+using vcodec::SampleTimer;
 
 constexpr size_t kMaxHead = 64 * 1024;  // parameter sets are a few hundred bytes
 constexpr AVRational kTimeBase{1, int(SampleTimer::kTicksPerSecond)};
@@ -58,7 +58,7 @@ public:
         if (m_failed || length <= 0) return;
         const int64_t now = Ticks(std::chrono::steady_clock::now() - m_opened);
         auto unit = [&](const uint8_t* au, int size) { OnUnit(au, size, now); };
-        if (vorn::StartsWithStartCode(data, size_t(length))) {
+        if (vcodec::StartsWithStartCode(data, size_t(length))) {
             m_splitter.Feed(data, length, unit);
             return;
         }
@@ -96,8 +96,8 @@ private:
     // head, else in band). False while they are not.
     bool Start(const uint8_t* au, int size) {
         const bool hevc = m_id == AV_CODEC_ID_HEVC;
-        std::vector<uint8_t> sets = vorn::ParameterSets(hevc, m_head.data(), m_head.size());
-        if (sets.empty()) sets = vorn::ParameterSets(hevc, au, size_t(size));
+        std::vector<uint8_t> sets = vcodec::ParameterSets(hevc, m_head.data(), m_head.size());
+        if (sets.empty()) sets = vcodec::ParameterSets(hevc, au, size_t(size));
         const AVCodecParserContext& info = m_splitter.Info();
         const int width = info.width > 0 ? info.width : m_width;
         const int height = info.height > 0 ? info.height : m_height;
@@ -158,12 +158,12 @@ private:
 
     const AVCodecID m_id;
     const int m_width, m_height, m_fps;  // stand-ins until the stream tells
-    vorn::AccessUnitSplitter m_splitter;
+    vcodec::AccessUnitSplitter m_splitter;
     const std::chrono::steady_clock::time_point m_opened;
     std::string m_path;
-    vorn::OutputPtr m_output;
+    vcodec::OutputPtr m_output;
     AVStream* m_stream = nullptr;  // owned by m_output; set with the header
-    vorn::PacketPtr m_packet;
+    vcodec::PacketPtr m_packet;
     std::unique_ptr<SampleTimer> m_timer;  // made with the header, once the rate is known
     std::vector<uint8_t> m_head;
     std::vector<uint8_t> m_bare;  // a bare NAL unit with its start code added
@@ -176,7 +176,7 @@ private:
 
 void* MP4RecordOpen(const char* file, int codec, int width, int height, int fps, int audio,
                     int sampleRate, int channels, int bits) {
-    const AVCodecID id = vorn::CodecIdOf(codec);
+    const AVCodecID id = vcodec::CodecIdOf(codec);
     if (!file || !*file || id == AV_CODEC_ID_NONE) return nullptr;
     auto* recorder = new (std::nothrow) Mp4Recorder(id, width, height, fps);
     if (recorder && !recorder->Open(file)) {

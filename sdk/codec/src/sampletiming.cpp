@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-namespace vorn {
+namespace vcodec {
 
 namespace {
 // Pictures held in decode order before the oldest is forced out; only a stream whose
@@ -120,4 +120,4 @@ void SampleTimer::EmitReady() {
     }
 }
 
-}  // namespace vorn
+}  // namespace vcodec

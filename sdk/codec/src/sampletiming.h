@@ -18,7 +18,7 @@
 #include <functional>
 #include <vector>
 
-namespace vorn {
+namespace vcodec {
 
 class SampleTimer {
 public:
@@ -77,4 +77,4 @@ private:
     int64_t m_delay = -1;   // fixed at the first emission
 };
 
-}  // namespace vorn
+}  // namespace vcodec
