@@ -102,6 +102,14 @@ void RtspPeer::Kill() {
     m_pid = -1;
 }
 
+void RtspPeer::Freeze() {
+    if (m_pid > 0) kill(m_pid, SIGSTOP);
+}
+
+void RtspPeer::Thaw() {
+    if (m_pid > 0) kill(m_pid, SIGCONT);
+}
+
 bool RtspPeer::Running() {
     if (m_pid <= 0) return false;
     if (waitpid(m_pid, nullptr, WNOHANG) == m_pid) m_pid = -1;

@@ -41,6 +41,9 @@ public:
     bool Start();
     // SIGKILL and reap: open connections drop without a goodbye.
     void Kill();
+    // SIGSTOP / SIGCONT: a peer that hangs with its connections open (no data, no close).
+    void Freeze();
+    void Thaw();
     bool Running();
     int port() const { return m_port; }
     // "rtsp://127.0.0.1:<port>" + path (path starts with '/').

@@ -70,8 +70,11 @@ def pipeline(args):
     inband = 0 if args.no_inband else -1
     if args.codec == "h264":
         enc = (
-            "x264enc tune=zerolatency speed-preset=ultrafast "
-            f"key-int-max={args.key_interval} ! video/x-h264,profile=baseline ! "
+            "x264enc tune=zerolatency speed-preset=ultrafast aud=false sliced-threads=false "
+            # The encoder keeps the parameter sets out of its samples; the payloader puts
+            # them into the SDP and, unless --no-inband, in front of every key frame.
+            f"option-string=repeat-headers=0 key-int-max={args.key_interval} ! "
+            "video/x-h264,profile=baseline,stream-format=avc,alignment=au ! "
             f"rtph264pay name=pay0 pt=96 config-interval={inband}"
         )
     else:
@@ -92,7 +95,8 @@ def main():
     p.add_argument("--key-interval", type=int, default=25, help="frames between key frames")
     p.add_argument("--no-sprop", action="store_true", help="no parameter sets in the SDP")
     p.add_argument("--no-inband", action="store_true",
-                   help="parameter sets only in the SDP, none inserted before key frames")
+                   help="parameter sets only in the SDP, none inserted before key frames "
+                   "(the H.265 encoder still starts its stream with them)")
     p.add_argument("--unshared", action="store_true",
                    help="an encoder per client (every client starts on a key frame)")
     args = p.parse_args()

@@ -30,6 +30,22 @@ int RtspClient_Open(const char* url, const char* transport, int noAuth, int port
  * callback. Returns 1, or 0 for an unknown handle. */
 int RtspClient_Close(int handle);
 
+/* ---- Extension: opening in the background, with status reports ----
+ * Takes the arguments of RtspClient_Open plus `status`, and returns at once: a handle >= 0
+ * (or -1 for bad arguments) whose reader thread opens the stream and reports on `status`,
+ * on that thread: RTSPCLIENT_OPENED before the first data packet, RTSPCLIENT_FAILED when
+ * the open failed, RTSPCLIENT_ENDED when an open stream stopped by itself (the peer closed
+ * it, a read error, or no data for 5 s). After FAILED or ENDED nothing more comes; the
+ * handle still has to be closed. RtspClient_Close also interrupts an open in progress, and
+ * no status is reported for a close. `status` may be NULL. */
+#define RTSPCLIENT_OPENED 1
+#define RTSPCLIENT_FAILED 2
+#define RTSPCLIENT_ENDED 3
+typedef void (*RtspStatusCallBack)(int handle, int status, void* user);
+int RtspClient_OpenAsync(const char* url, const char* transport, int noAuth, int port,
+                         const char* user, const char* pass, RtspDataCallBack callback,
+                         RtspStatusCallBack status, void* userData);
+
 #ifdef __cplusplus
 }
 #endif
