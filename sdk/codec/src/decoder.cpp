@@ -9,6 +9,7 @@ extern "C" {
 
 #include "VornCodec.h"
 #include "avhandles.h"
+#include "splitter.h"
 
 namespace {
 

@@ -18,6 +18,7 @@
 #include "annexb.h"
 #include "avhandles.h"
 #include "sampletiming.h"
+#include "splitter.h"
 
 namespace {
 
