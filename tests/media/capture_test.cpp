@@ -19,6 +19,7 @@
 #include "media/devoperate.h"
 #include "media/devpool.h"
 #include "support/daemon.h"
+#include "support/mediacheck.h"
 #include "support/testdb.h"
 
 namespace fs = std::filesystem;
@@ -47,32 +48,6 @@ std::vector<Bytes> Units(const std::string& file) {
 }
 
 int NalType(const Bytes& unit, bool h265) { return h265 ? (unit[4] >> 1) & 63 : unit[4] & 31; }
-
-// A width x height picture size from a JPEG's frame header; false when it is not a JPEG.
-bool JpegSize(const std::string& j, int& w, int& h) {
-    if (j.size() < 4 || static_cast<uint8_t>(j[0]) != 0xFF || static_cast<uint8_t>(j[1]) != 0xD8)
-        return false;
-    auto byte = [&](size_t i) { return static_cast<uint8_t>(j[i]); };
-    for (size_t p = 2; p + 9 < j.size() && byte(p) == 0xFF;
-         p += 2 + (byte(p + 2) << 8 | byte(p + 3))) {
-        if (byte(p + 1) >= 0xC0 && byte(p + 1) <= 0xC2) {
-            h = byte(p + 5) << 8 | byte(p + 6);
-            w = byte(p + 7) << 8 | byte(p + 8);
-            return byte(j.size() - 2) == 0xFF && byte(j.size() - 1) == 0xD9;
-        }
-    }
-    return false;
-}
-
-std::string Shell(const std::string& command) {
-    std::string out;
-    if (FILE* p = popen(command.c_str(), "r")) {
-        char buf[4096];
-        for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
-        pclose(p);
-    }
-    return out;
-}
 
 class Capture : public ::testing::Test {
 protected:
@@ -136,7 +111,7 @@ protected:
     std::string Read(const std::string& name) { return cmstest::ReadFile(dir.File(name)); }
     bool IsPicture(const std::string& name, int width, int height) {
         int w = 0, h = 0;
-        return JpegSize(Read(name), w, h) && w == width && h == height;
+        return cmstest::JpegSize(Read(name), w, h) && w == width && h == height;
     }
 
     cmstest::TempDir dir;
@@ -232,11 +207,7 @@ TEST_F(Capture, RecordingsAreNamedAndWrittenWithoutDecoding) {
     }
     // A MANUAL_DOWN consumer alone asks for nothing, but rides along with a recording.
     for (const char* name : {"5.mp4", "120.mp4", "134.mp4", "6.mp4"})
-        EXPECT_EQ(Shell("ffprobe -v error -select_streams v -show_entries "
-                        "stream=codec_name,width,height -of csv=p=0 " +
-                        dir.File(name)),
-                  "h264,352,288\n")
-            << name;
+        EXPECT_EQ(cmstest::ProbeVideo(dir.File(name)), "h264,352,288") << name;
     EXPECT_NE(static_cast<CHANPLAY_INFO*>(clip->player)->chan.pdecode, nullptr);
 }
 
@@ -255,7 +226,7 @@ Bytes MetaPacket() {
 // The luma plane of the first picture of an MP4.
 Bytes FirstLuma(const std::string& file) {
     const std::string raw =
-        Shell("ffmpeg -v error -i " + file + " -frames:v 1 -f rawvideo -pix_fmt gray -");
+        cmstest::Shell("ffmpeg -v error -i " + file + " -frames:v 1 -f rawvideo -pix_fmt gray -");
     return Bytes(raw.begin(), raw.end());
 }
 

@@ -60,6 +60,7 @@ Daemon::Daemon(const DaemonSettings& s) : m_settings(s) {
                         "</user>\n  <pass>" + s.dbPass + "</pass>\n  <local>0</local>\n</db>\n" +
                         s.extraParam + "</cfg>\n";
     m_dir.Write("config/cmsparam.xml", param);
+    if (!s.devXml.empty()) m_dir.Write("config/dev.xml", s.devXml);
 }
 
 Daemon::~Daemon() {

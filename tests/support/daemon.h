@@ -35,6 +35,7 @@ struct DaemonSettings {
     std::string dbUser = "cms";
     std::string dbPass = "cms";
     std::string extraParam;  // extra text inside <db>...</db>'s file, e.g. <paths>
+    std::string devXml;      // config/dev.xml (device URL templates); empty: no file
 };
 
 class Daemon {
