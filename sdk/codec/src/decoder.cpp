@@ -8,6 +8,7 @@ extern "C" {
 }
 
 #include "VornCodec.h"
+#include "annexb.h"
 #include "avhandles.h"
 #include "splitter.h"
 
@@ -18,7 +19,12 @@ namespace {
 class VideoDecoder {
 public:
     VideoDecoder(AVCodecID id, VideoCallBack callback, void* user)
-        : m_splitter(id), m_callback(callback), m_user(user) {}
+        : m_hevc(id == AV_CODEC_ID_HEVC),
+          m_delimiter(m_hevc ? std::vector<uint8_t>{0, 0, 0, 1, 0x46, 0x01, 0x50}
+                             : std::vector<uint8_t>{0, 0, 0, 1, 0x09, 0xF0}),
+          m_splitter(id),
+          m_callback(callback),
+          m_user(user) {}
 
     bool Open(AVCodecID id) {
         const AVCodec* codec = avcodec_find_decoder(id);
@@ -33,15 +39,32 @@ public:
         return avcodec_open2(m_context.get(), codec, nullptr) == 0;
     }
 
+    // Each call is taken to end at a picture boundary: the server hands over parameter sets
+    // alone and every picture whole. The parser would otherwise keep a picture until the
+    // next one starts, and a snapshot fed key frames only would wait a whole key interval.
     int Decode(const uint8_t* data, int length) {
         bool ok = true;
-        int fed = m_splitter.Feed(data, length, [&](const uint8_t* unit, int size) {
+        auto send = [&](const uint8_t* unit, int size) {
             if (!SendUnit(unit, size)) ok = false;
-        });
+        };
+        int fed = m_splitter.Feed(data, length, send);
+        // An access unit delimiter ends the picture at once; decoders skip it.
+        if (fed && HoldsPicture(data, length))
+            m_splitter.Feed(m_delimiter.data(), int(m_delimiter.size()), send);
         return fed && ok ? 1 : 0;
     }
 
 private:
+    bool HoldsPicture(const uint8_t* data, int length) const {
+        bool picture = false;
+        vcodec::ForEachNal(data, size_t(length), [&](const uint8_t* nal, size_t) {
+            // Slice types: H.264 1..5, H.265 0..31.
+            const int type = m_hevc ? (nal[0] >> 1) & 63 : nal[0] & 31;
+            if (m_hevc ? type <= 31 : type >= 1 && type <= 5) picture = true;
+        });
+        return picture;
+    }
+
     bool SendUnit(const uint8_t* unit, int size) {
         // Not reference-counted: libavcodec takes its own padded copy.
         m_packet->data = const_cast<uint8_t*>(unit);
@@ -91,6 +114,8 @@ private:
                height;
     }
 
+    const bool m_hevc;
+    const std::vector<uint8_t> m_delimiter;  // access unit delimiter of the codec
     vcodec::AccessUnitSplitter m_splitter;
     VideoCallBack m_callback;
     void* m_user;
