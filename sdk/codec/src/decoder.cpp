@@ -19,12 +19,7 @@ namespace {
 class VideoDecoder {
 public:
     VideoDecoder(AVCodecID id, VideoCallBack callback, void* user)
-        : m_hevc(id == AV_CODEC_ID_HEVC),
-          m_delimiter(m_hevc ? std::vector<uint8_t>{0, 0, 0, 1, 0x46, 0x01, 0x50}
-                             : std::vector<uint8_t>{0, 0, 0, 1, 0x09, 0xF0}),
-          m_splitter(id),
-          m_callback(callback),
-          m_user(user) {}
+        : m_hevc(id == AV_CODEC_ID_HEVC), m_splitter(id), m_callback(callback), m_user(user) {}
 
     bool Open(AVCodecID id) {
         const AVCodec* codec = avcodec_find_decoder(id);
@@ -39,18 +34,18 @@ public:
         return avcodec_open2(m_context.get(), codec, nullptr) == 0;
     }
 
-    // Each call is taken to end at a picture boundary: the server hands over parameter sets
-    // alone and every picture whole. The parser would otherwise keep a picture until the
-    // next one starts, and a snapshot fed key frames only would wait a whole key interval.
+    // Each call is taken to end at a picture boundary (the server hands over parameter
+    // sets alone and every picture whole), so a picture the parser holds at the end goes to
+    // the decoder at once: otherwise it would wait for the next one, and a snapshot fed key
+    // frames only would wait a whole key interval. Parameter sets alone stay with the parser
+    // and open the next picture's packet.
     int Decode(const uint8_t* data, int length) {
         bool ok = true;
         auto send = [&](const uint8_t* unit, int size) {
             if (!SendUnit(unit, size)) ok = false;
         };
-        int fed = m_splitter.Feed(data, length, send);
-        // An access unit delimiter ends the picture at once; decoders skip it.
-        if (fed && HoldsPicture(data, length))
-            m_splitter.Feed(m_delimiter.data(), int(m_delimiter.size()), send);
+        const int fed = m_splitter.Feed(data, length, send);
+        if (HoldsPicture(data, length)) m_splitter.Flush(send);
         return fed && ok ? 1 : 0;
     }
 
@@ -58,7 +53,7 @@ private:
     bool HoldsPicture(const uint8_t* data, int length) const {
         bool picture = false;
         vcodec::ForEachNal(data, size_t(length), [&](const uint8_t* nal, size_t) {
-            // Slice types: H.264 1..5, H.265 0..31.
+            // Slices: H.264 types 1 to 5, H.265 types 0 to 31.
             const int type = m_hevc ? (nal[0] >> 1) & 63 : nal[0] & 31;
             if (m_hevc ? type <= 31 : type >= 1 && type <= 5) picture = true;
         });
@@ -115,7 +110,6 @@ private:
     }
 
     const bool m_hevc;
-    const std::vector<uint8_t> m_delimiter;  // access unit delimiter of the codec
     vcodec::AccessUnitSplitter m_splitter;
     VideoCallBack m_callback;
     void* m_user;

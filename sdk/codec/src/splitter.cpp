@@ -52,6 +52,8 @@ void AccessUnitSplitter::Flush(const Unit& unit) {
     av_parser_parse2(m_parser.get(), m_context.get(), &out, &outSize, nullptr, 0, AV_NOPTS_VALUE,
                      AV_NOPTS_VALUE, 0);
     if (outSize > 0) unit(out, outSize);
+    // A parser that has seen the end of its input is not fed again.
+    Reset();
 }
 
 // Drops whatever the parser holds.

@@ -11,7 +11,7 @@
 namespace vcodec {
 
 // The parser knows a unit is complete only when the next one starts, so it holds the last
-// one back; Flush hands it over at the end of a stream.
+// one back; Flush hands it over and starts afresh.
 class AccessUnitSplitter {
 public:
     using Unit = std::function<void(const uint8_t* data, int size)>;
@@ -26,6 +26,7 @@ public:
     // call only; Info() (key_frame, output_picture_number, width, height) describes that
     // unit. Returns 0 when the parser refused the input, else 1.
     int Feed(const uint8_t* data, int length, const Unit& unit);
+    // Hands over what the parser holds as one unit; the next Feed starts a new stream cut.
     void Flush(const Unit& unit);
     const AVCodecParserContext& Info() const { return *m_parser; }
     // The frame rate stated by the stream's timing information; 0/1 when it states none.
