@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <climits>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -44,8 +45,10 @@ public:
         m_output.reset(raw);
         m_packet.reset(av_packet_alloc());
         m_path = file;
+        // Always a local file, whatever the name looks like ("pipe:", "http://").
+        const std::string url = "file:" + m_path;
         return m_packet && m_splitter.Valid() &&
-               avio_open(&m_output->pb, file, AVIO_FLAG_WRITE) >= 0;
+               avio_open(&m_output->pb, url.c_str(), AVIO_FLAG_WRITE) >= 0;
     }
 
     void SetHead(const uint8_t* head, int length) {
@@ -56,7 +59,7 @@ public:
     }
 
     void Write(const uint8_t* data, int length) {
-        if (m_failed || length <= 0) return;
+        if (m_failed || length <= 0 || length > INT_MAX - 4) return;
         const int64_t now = Ticks(std::chrono::steady_clock::now() - m_opened);
         auto unit = [&](const uint8_t* au, int size) { OnUnit(au, size, now); };
         if (vcodec::StartsWithStartCode(data, size_t(length))) {
