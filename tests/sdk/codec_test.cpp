@@ -9,6 +9,7 @@
 #include <iterator>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "VornCodec.h"
@@ -335,6 +336,27 @@ TEST(Mp4Record, RefusesBadNamesAndLeavesNoFileWithoutAKeyPicture) {
     MP4RecordWrite(recorder, noise.data(), int(noise.size()));
     MP4RecordClose(recorder);
     EXPECT_FALSE(Exists(file));
+}
+
+// Every play session decodes and records on its own thread at the same time.
+TEST(Codec, SessionsOnTheirOwnThreadsDoNotDisturbEachOther) {
+    cmstest::TempDir dir;
+    const Bytes stream = ReadSample("h265_352x288.h265");
+    std::vector<std::thread> sessions;
+    std::vector<size_t> pictures(4);
+    for (int i = 0; i < 4; ++i)
+        sessions.emplace_back([&, i] {
+            const std::string file = dir.File(std::to_string(i) + ".mp4");
+            void* recorder = MP4RecordOpen(file.c_str(), VORN_H265, 0, 0, 25, 0, 0, 0, 0);
+            pictures[i] = DecodeCopies(VORN_H265, stream, true).size();
+            MP4RecordWrite(recorder, stream.data(), int(stream.size()));
+            MP4RecordClose(recorder);
+        });
+    for (std::thread& t : sessions) t.join();
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_GE(pictures[i], 5u);
+        EXPECT_EQ(Probe(dir.File(std::to_string(i) + ".mp4"))["nb_read_packets"], "5");
+    }
 }
 
 }  // namespace
