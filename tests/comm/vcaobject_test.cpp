@@ -4,76 +4,47 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <vector>
 
 namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-void Put16(Bytes& b, int v) {
-    b.push_back(static_cast<unsigned char>(v));
-    b.push_back(static_cast<unsigned char>(v >> 8));
-}
-
-// One object record: box, class, state, detail and `trails` points (i, i + 1).
+// One object record: box (x, x+1, x+2, x+3), class, state, detail 7, and `trails` points (i, i).
 void AddObject(Bytes& b, int x, int cls, int state, int trails) {
-    for (int v : {x, x + 1, x + 2, x + 3}) Put16(b, v);
-    b.insert(b.end(), {static_cast<unsigned char>(cls), static_cast<unsigned char>(state), 7,
-                       static_cast<unsigned char>(trails)});
-    for (int i = 0; i < trails; ++i) {
-        Put16(b, i);
-        Put16(b, i + 1);
-    }
+    for (int v : {x, x + 1, x + 2, x + 3}) b.insert(b.end(), {uint8_t(v), uint8_t(v >> 8)});
+    b.insert(b.end(), {uint8_t(cls), uint8_t(state), 7, uint8_t(trails)});
+    for (int i = 0; i < trails; ++i) b.insert(b.end(), {uint8_t(i), 0, uint8_t(i), 0});
 }
 
-TEST(VcaObjects, RecordsWithTrailsFollowEachOther) {
+int Read(const Bytes& b, int count, _VORN_VCA_OBJECT_LIST& list, int cut = 0) {
+    return AnylseIntvObject(b.data(), static_cast<int>(b.size()) - cut, count, &list);
+}
+
+TEST(VcaObjects, RecordsFollowTheirTrailsAndBadPacketsChangeNothing) {
     Bytes b;
-    AddObject(b, 100, 2, 1, 3);  // 12 + 3 x 4 = 24 bytes
+    AddObject(b, 300, 2, 1, 3);  // 12 + 3 x 4 bytes
     AddObject(b, 200, 0, 0, 0);
-    ASSERT_EQ(b.size(), 36u);
     _VORN_VCA_OBJECT_LIST list{};
     list.object_arr[1].uId = 77;  // not carried by the packet: kept
-    ASSERT_EQ(AnylseIntvObject(b.data(), static_cast<int>(b.size()), 2, &list), 1);
+    ASSERT_EQ(Read(b, 2, list), 1);
     EXPECT_EQ(list.object_num, 2);
-    const _VORN_VCA_OBJECT& a = list.object_arr[0];
-    EXPECT_EQ(a.bBox.x, 100);
-    EXPECT_EQ(a.bBox.h, 103);
-    EXPECT_EQ(a.uClassificationId, 2u);
-    EXPECT_EQ(a.uFlags, 1u);
-    EXPECT_EQ(a.uDetail, 7u);
-    ASSERT_EQ(a.trail.usNumTrailPoints, 3);
-    EXPECT_EQ(a.trail.trailPoints[2].x, 2);
-    EXPECT_EQ(a.trail.trailPoints[2].y, 3);
-    EXPECT_EQ(list.object_arr[1].bBox.x, 200);
+    EXPECT_EQ(list.object_arr[0].trail.trailPoints[2].y, 2);
+    EXPECT_EQ(list.object_arr[1].bBox.x, 200);  // right after the third trail point
     EXPECT_EQ(list.object_arr[1].uId, 77u);
-}
 
-TEST(VcaObjects, BadCountsAndShortPacketsLeaveTheListAlone) {
-    Bytes b;
-    AddObject(b, 100, 0, 0, 2);
-    _VORN_VCA_OBJECT_LIST list{};
-    list.object_num = 5;
-    const int n = static_cast<int>(b.size());
-    EXPECT_EQ(AnylseIntvObject(b.data(), n, 0, &list), 0);
-    EXPECT_EQ(AnylseIntvObject(b.data(), n, -1, &list), 0);
-    EXPECT_EQ(AnylseIntvObject(nullptr, n, 1, &list), 0);
-    EXPECT_EQ(AnylseIntvObject(b.data(), n, 1, nullptr), 0);
-    EXPECT_EQ(AnylseIntvObject(b.data(), n - 1, 1, &list), 0);  // last trail point cut
-    EXPECT_EQ(AnylseIntvObject(b.data(), n, 2, &list), 0);      // a second record missing
-    EXPECT_EQ(list.object_num, 5);
-    EXPECT_EQ(list.object_arr[0].bBox.x, 0);
-
-    Bytes many;
+    const _VORN_VCA_OBJECT_LIST before = list;
+    EXPECT_EQ(Read(b, 0, list), 0);
+    EXPECT_EQ(Read(b, 3, list), 0);     // a third record missing
+    EXPECT_EQ(Read(b, 2, list, 1), 0);  // the last byte cut
+    Bytes many, longTrail;
     for (int i = 0; i < 21; ++i) AddObject(many, i, 0, 0, 0);
-    EXPECT_EQ(AnylseIntvObject(many.data(), static_cast<int>(many.size()), 21, &list), 0);
-    EXPECT_EQ(AnylseIntvObject(many.data(), static_cast<int>(many.size()), 20, &list), 1);
-    EXPECT_EQ(list.object_num, 20);
-
-    Bytes longTrail;
     AddObject(longTrail, 1, 0, 0, 21);
-    list.object_num = 5;
-    EXPECT_EQ(AnylseIntvObject(longTrail.data(), static_cast<int>(longTrail.size()), 1, &list), 0);
-    EXPECT_EQ(list.object_num, 5);
+    EXPECT_EQ(Read(many, 21, list), 0);
+    EXPECT_EQ(Read(longTrail, 1, list), 0);
+    EXPECT_EQ(std::memcmp(&before, &list, sizeof list), 0);
+    EXPECT_EQ(Read(many, 20, list), 1);
 }
 
 }  // namespace

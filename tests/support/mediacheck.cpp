@@ -8,17 +8,15 @@
 
 namespace cmstest {
 
-bool JpegSize(const std::string& j, int& width, int& height) {
-    auto byte = [&](size_t i) { return static_cast<unsigned>(static_cast<uint8_t>(j[i])); };
+bool IsJpeg(const std::string& j, int width, int height) {
+    auto byte = [&](size_t i) { return static_cast<int>(static_cast<uint8_t>(j[i])); };
     if (j.size() < 4 || byte(0) != 0xFF || byte(1) != 0xD8) return false;
     if (byte(j.size() - 2) != 0xFF || byte(j.size() - 1) != 0xD9) return false;
     for (size_t p = 2; p + 9 < j.size() && byte(p) == 0xFF;
          p += 2 + (byte(p + 2) << 8 | byte(p + 3))) {
-        if (byte(p + 1) >= 0xC0 && byte(p + 1) <= 0xC2) {  // baseline, extended, progressive
-            height = static_cast<int>(byte(p + 5) << 8 | byte(p + 6));
-            width = static_cast<int>(byte(p + 7) << 8 | byte(p + 8));
-            return true;
-        }
+        if (byte(p + 1) >= 0xC0 && byte(p + 1) <= 0xC2)  // baseline, extended, progressive
+            return (byte(p + 5) << 8 | byte(p + 6)) == height &&
+                   (byte(p + 7) << 8 | byte(p + 8)) == width;
     }
     return false;
 }
@@ -33,19 +31,16 @@ std::string Shell(const std::string& command) {
     return out;
 }
 
-std::string ProbeVideo(const std::string& file) {
-    std::string out = Shell(
-        "ffprobe -v error -select_streams v:0 -show_entries "
-        "stream=codec_name,width,height -of csv=p=0 '" +
-        file + "' 2>/dev/null");
-    while (!out.empty() && (out.back() == '\n' || out.back() == '\r')) out.pop_back();
-    return out;
-}
-
-double ProbeDuration(const std::string& file) {
-    std::string out = Shell("ffprobe -v error -show_entries format=duration -of csv=p=0 '" + file +
-                            "' 2>/dev/null");
-    return out.empty() || out[0] < '0' || out[0] > '9' ? -1 : std::atof(out.c_str());
+std::string ProbeVideo(const std::string& file, double* duration) {
+    std::istringstream out(
+        Shell("ffprobe -v error -select_streams v:0 -show_entries "
+              "stream=codec_name,width,height:format=duration -of csv=p=0 '" +
+              file + "' 2>/dev/null"));
+    std::string stream, length;
+    std::getline(out, stream);
+    std::getline(out, length);
+    if (duration) *duration = std::atof(length.c_str());
+    return stream;
 }
 
 int ConnectionsTo(int port) {

@@ -6,16 +6,13 @@
 
 namespace cmstest {
 
-// Width and height from a JPEG's frame header; false unless the bytes start and end as a
-// JPEG does.
-bool JpegSize(const std::string& jpeg, int& width, int& height);
+// True when `jpeg` starts and ends as a JPEG does and its frame header gives that size.
+bool IsJpeg(const std::string& jpeg, int width, int height);
 // Standard output of a shell command.
 std::string Shell(const std::string& command);
 // "codec,width,height" of the first video stream of a file as ffprobe reads it ("" when it
-// cannot), e.g. "h264,320,240".
-std::string ProbeVideo(const std::string& file);
-// The duration in seconds ffprobe gives for a file; -1 when it cannot tell.
-double ProbeDuration(const std::string& file);
+// cannot), e.g. "h264,320,240"; its duration in seconds into `duration` when asked.
+std::string ProbeVideo(const std::string& file, double* duration = nullptr);
 // Established TCP connections (IPv4, loopback included) whose remote port is `port`.
 int ConnectionsTo(int port);
 
