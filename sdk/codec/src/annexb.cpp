@@ -15,7 +15,7 @@ std::vector<uint8_t> ParameterSets(bool hevc, const uint8_t* data, size_t size) 
     ForEachNal(data, size, [&](const uint8_t* nal, size_t length) {
         const int type = hevc ? (nal[0] >> 1) & 63 : nal[0] & 31;
         for (int k = 0; k < 3; ++k)
-            if (type == types[k] && !found[k]) {
+            if (type == types[k]) {
                 found[k] = nal;
                 lengths[k] = length;
             }

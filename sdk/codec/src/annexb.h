@@ -33,7 +33,8 @@ void ForEachNal(const uint8_t* data, size_t size, F&& fn) {
 }
 
 // The parameter sets of an H.264 (`hevc` false: SPS, PPS) or H.265 (VPS, SPS, PPS) stream
-// found in `data`, the first of each kind, as Annex-B. Empty when one is missing.
+// found in `data`, the last of each kind (the one in force after `data`), as Annex-B. Empty
+// when one is missing.
 std::vector<uint8_t> ParameterSets(bool hevc, const uint8_t* data, size_t size);
 
 }  // namespace vcodec

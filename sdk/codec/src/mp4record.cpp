@@ -96,12 +96,14 @@ private:
                       info.output_picture_number, arrival);
     }
 
-    // Writes the header at the first key picture whose parameter sets are known (from the
-    // head, else in band). False while they are not.
+    // Writes the header at the first key picture whose parameter sets are known (in band,
+    // else from the head). False while they are not.
     bool Start(const uint8_t* au, int size) {
         const bool hevc = m_id == AV_CODEC_ID_HEVC;
-        std::vector<uint8_t> sets = vcodec::ParameterSets(hevc, m_head.data(), m_head.size());
-        if (sets.empty()) sets = vcodec::ParameterSets(hevc, au, size_t(size));
+        // Sets in band are the ones the pictures were coded with (a re-encoded stream carries
+        // its own while the head holds the camera's); the head stands in when there are none.
+        std::vector<uint8_t> sets = vcodec::ParameterSets(hevc, au, size_t(size));
+        if (sets.empty()) sets = vcodec::ParameterSets(hevc, m_head.data(), m_head.size());
         const AVCodecParserContext& info = m_splitter.Info();
         const int width = info.width > 0 ? info.width : m_width;
         const int height = info.height > 0 ? info.height : m_height;
