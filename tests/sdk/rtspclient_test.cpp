@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -124,18 +125,16 @@ struct Sink {
         s->statuses.push_back(status);
         s->changed.notify_all();
     }
-    bool WaitPackets(size_t n, int ms = 10000) {
+    template <class Done>
+    bool Wait(Done done, int ms = 10000) {
         std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, std::chrono::milliseconds(ms),
-                                [&] { return packets.size() >= n; });
+        return changed.wait_for(lock, std::chrono::milliseconds(ms), done);
     }
-    bool WaitStatus(int status, int ms = 10000) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, std::chrono::milliseconds(ms), [&] {
-            for (int s : statuses)
-                if (s == status) return true;
-            return false;
-        });
+    bool WaitPackets(size_t n) {
+        return Wait([&] { return packets.size() >= n; });
+    }
+    bool WaitStatus(int status, int ms) {
+        return Wait([&] { return std::count(statuses.begin(), statuses.end(), status) > 0; }, ms);
     }
 };
 
@@ -169,7 +168,6 @@ TEST_P(LiveStream, PacketsCarryHeadAnnexBAndParameterSetsBeforeTheFirstKeyPictur
 
     std::lock_guard<std::mutex> lock(sink.mutex);
     const Codec codec = std::string(c.codec) == "h264" ? Codec::kH264 : Codec::kH265;
-    bool paramsSeen = false, keySeen = false;
     int withParams = 0, keys = 0;
     for (const auto& p : sink.packets) {
         ASSERT_EQ(MD_VIDEO, p.head.type);
@@ -177,23 +175,21 @@ TEST_P(LiveStream, PacketsCarryHeadAnnexBAndParameterSetsBeforeTheFirstKeyPictur
         ASSERT_EQ(p.length - VORN_MEDIA_HEAD_SIZE, static_cast<int>(p.head.len));
         ASSERT_TRUE(rtspc::IsAnnexB(p.payload.data(), p.payload.size()));
         rtspc::NalSummary s = rtspc::Summarise(codec, p.payload.data(), p.payload.size());
-        paramsSeen |= s.parameterSets;
         withParams += s.parameterSets;
-        keys += s.keyPicture;
-        if (s.keyPicture && !keySeen) {
-            EXPECT_TRUE(paramsSeen) << "first key picture without parameter sets before it";
-            keySeen = true;
+        if (s.keyPicture && keys++ == 0) {
+            EXPECT_GT(withParams, 0) << "first key picture without parameter sets before it";
         }
     }
-    EXPECT_TRUE(keySeen);
+    EXPECT_GE(keys, c.injected ? 2 : 1);
     if (c.injected) {
-        EXPECT_GE(keys, 2);
         EXPECT_EQ(1, withParams);
     }
-    // 25 frames a second: the stamps are the stream's, in milliseconds.
-    uint32_t span = sink.packets.back().head.unStamp - sink.packets[5].head.unStamp;
-    size_t frames = sink.packets.size() - 1 - 5;
-    EXPECT_NEAR(static_cast<double>(span), frames * 40.0, frames * 8.0);
+    // The stream's own clock in ms: at 25 frames a second every step is a whole number of
+    // 40 ms frames (more than one where the peer dropped a late frame), give or take rounding.
+    for (size_t i = 1; i < sink.packets.size(); ++i) {
+        uint32_t step = sink.packets[i].head.unStamp - sink.packets[i - 1].head.unStamp;
+        EXPECT_TRUE(step >= 39 && (step + 1) % 40 <= 2) << "step " << step << " at " << i;
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Peer, LiveStream,
@@ -253,7 +249,7 @@ TEST(RtspClientFailures, RefusedSilentAndMalformedAddressesFailInTime) {
     EXPECT_TRUE(sink.packets.empty());
 }
 
-TEST(RtspClientClose, InterruptsABlockedOpenOrReadWithinASecond) {
+TEST(RtspClientClose, InterruptsABlockedOpenOrReadWithinASecondAndEndsAreReportedOnce) {
     Silent silent;
     Sink sink;
     int h = RtspClient_OpenAsync(silent.Url().c_str(), "tcp", 1, 0, "", "", &Sink::OnData,
@@ -276,23 +272,19 @@ TEST(RtspClientClose, InterruptsABlockedOpenOrReadWithinASecond) {
     EXPECT_EQ(1, RtspClient_Close(h));
     EXPECT_LT(MsSince(start), 1000);
     peer.Thaw();
-    std::lock_guard<std::mutex> lock(sink.mutex);
-    EXPECT_EQ(std::vector<int>{RTSPCLIENT_OPENED}, sink.statuses);  // no report for a close
-}
 
-TEST(RtspClientEnd, APeerThatGoesAwayIsReportedOnce) {
-    cmstest::RtspPeer peer;
-    ASSERT_TRUE(peer.Start());
-    Sink sink;
-    int h = RtspClient_OpenAsync(peer.Url("/any/path").c_str(), "tcp", 1, 0, "", "", &Sink::OnData,
-                                 &Sink::OnStatus, &sink);
+    // A peer that goes away is reported once; the close above was not reported at all.
+    Sink ends;
+    h = RtspClient_OpenAsync(peer.Url("/any/path").c_str(), "tcp", 1, 0, "", "", &Sink::OnData,
+                             &Sink::OnStatus, &ends);
     ASSERT_GE(h, 0);
-    ASSERT_TRUE(sink.WaitPackets(3));
+    ASSERT_TRUE(ends.WaitPackets(1));
     peer.Kill();
-    ASSERT_TRUE(sink.WaitStatus(RTSPCLIENT_ENDED, 3000));
+    ASSERT_TRUE(ends.WaitStatus(RTSPCLIENT_ENDED, 3000));
     EXPECT_EQ(1, RtspClient_Close(h));
-    std::lock_guard<std::mutex> lock(sink.mutex);
-    EXPECT_EQ((std::vector<int>{RTSPCLIENT_OPENED, RTSPCLIENT_ENDED}), sink.statuses);
+    std::lock_guard<std::mutex> lock(sink.mutex), lock2(ends.mutex);
+    EXPECT_EQ(std::vector<int>{RTSPCLIENT_OPENED}, sink.statuses);
+    EXPECT_EQ((std::vector<int>{RTSPCLIENT_OPENED, RTSPCLIENT_ENDED}), ends.statuses);
 }
 
 // The peer itself, seen by a third party.
