@@ -20,7 +20,7 @@ typedef void (*RtspDataCallBack)(int handle, int dataType, unsigned char* buffer
 int RtspClient_Init(void);
 /* Opens `url` ("rtsp://host[:port]/path"). `transport` "tcp" (the only one served; NULL
  * means tcp). `noAuth` non-zero: connect without credentials; otherwise `user` and `pass`
- * are used (when not empty). `port` overrides the URL's port when above 0. Returns a
+ * are used (when not empty). `port` is used when the URL names no port. Returns a
  * handle >= 0 once the stream is open and its reader runs, or -1 (bad arguments, no
  * answer, no video track). */
 int RtspClient_Open(const char* url, const char* transport, int noAuth, int port, const char* user,

@@ -50,7 +50,9 @@ bool ComposeUrl(const char* url, int port, const char* user, const char* pass, s
         portText = authority.substr(hostEnd + 1);
     if (host.empty() || host == "[]") return false;
 
-    if (port > 0) portText = std::to_string(port);
+    // The address names the stream port (templates write 554 literally); the argument is
+    // the device port, used only when the address has none.
+    if (portText.empty() && port > 0) portText = std::to_string(port);
     std::string u = user ? user : "", p = pass ? pass : "";
     if (!u.empty() || !p.empty())
         userinfo = PercentEncode(u) + (p.empty() ? "" : ":" + PercentEncode(p)) + "@";
