@@ -3,8 +3,12 @@
 // destruction. Header-only, like benchdb.h.
 #pragma once
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,6 +23,34 @@
 #include "benchdb.h"
 
 namespace benchdb {
+
+// One request on a fresh loopback connection (the HTTP port serves one request per
+// connection); the whole answer, or "" when the exchange failed. Waits at most 10 s.
+inline std::string HttpExchange(int port, const std::string& request) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    if (fd < 0) return "";
+    timeval tv{10, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    std::string reply;
+    if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
+        send(fd, request.data(), request.size(), MSG_NOSIGNAL) ==
+            static_cast<ssize_t>(request.size())) {
+        char buf[1024];
+        ssize_t n;
+        while ((n = recv(fd, buf, sizeof buf, 0)) > 0) reply.append(buf, static_cast<size_t>(n));
+    }
+    close(fd);
+    return reply;
+}
+
+// "GET /?<query>" as the HTTP command interface takes it.
+inline std::string HttpGetQuery(int port, const std::string& query) {
+    return HttpExchange(port, "GET /?" + query + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+}
 
 class Server {
 public:
@@ -75,6 +107,12 @@ public:
 
     int port() const { return m_port; }
     int httpPort() const { return m_httpPort; }
+    pid_t pid() const { return m_pid; }
+    const std::string& dir() const { return m_dir; }
+    // Written into cmsparam.xml after the database block (e.g. the store areas), and as
+    // dev.xml when not empty; set before Start().
+    std::string extraParam;
+    std::string devXml;
 
 private:
     void WriteSettings() const {
@@ -86,7 +124,9 @@ private:
         std::ofstream(m_dir + "/config/cmsparam.xml")
             << "<cfg>\n<db>\n  <name>" << m_dbName << "</name>\n  <ip>127.0.0.1</ip>\n  <port>"
             << m_dbPort << "</port>\n  <user>cms</user>\n  <pass>cms</pass>\n"
-            << "  <local>0</local>\n</db>\n</cfg>\n";
+            << "  <local>0</local>\n</db>\n"
+            << extraParam << "</cfg>\n";
+        if (!devXml.empty()) std::ofstream(m_dir + "/config/dev.xml") << devXml;
     }
 
     bool WaitForOutput(const char* text, int timeoutMs) const {

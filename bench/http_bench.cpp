@@ -106,26 +106,8 @@ private:
 // ---- The clients ----
 // One request on a fresh connection; the status code of the answer, 0 on failure.
 int Exchange(int port, const std::string& request) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    if (fd < 0) return 0;
-    timeval tv{10, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    int status = 0;
-    if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
-        send(fd, request.data(), request.size(), MSG_NOSIGNAL) ==
-            static_cast<ssize_t>(request.size())) {
-        std::string reply;
-        char buf[1024];
-        ssize_t n;
-        while ((n = recv(fd, buf, sizeof buf, 0)) > 0) reply.append(buf, static_cast<size_t>(n));
-        if (reply.compare(0, 9, "HTTP/1.1 ") == 0) status = std::atoi(reply.c_str() + 9);
-    }
-    close(fd);
-    return status;
+    const std::string reply = benchdb::HttpExchange(port, request);
+    return reply.compare(0, 9, "HTTP/1.1 ") == 0 ? std::atoi(reply.c_str() + 9) : 0;
 }
 
 std::string Request(const std::string& query) {
