@@ -30,6 +30,15 @@ int VornMediaPlay(const char* url, _USER_CMD_INFO* info) {
     return LivePlayFromURL(play) ? 1 : 0;
 }
 
+int StartMediaJob(const char* url, _USER_CMD_INFO* job) {
+    if (!job) return 0;
+    {
+        std::lock_guard<std::mutex> lock(csRecorder);
+        m_arrUserInfos.push_back(job);
+    }
+    return VornMediaPlay(url, job);
+}
+
 int VornMediaStop(_USER_CMD_INFO* info) {
     if (!info || !info->player) return 0;
     return StopPlay(static_cast<CHANPLAY_INFO*>(info->player)) ? 1 : 0;

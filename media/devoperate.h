@@ -35,6 +35,11 @@ enum _manual_type {
 // then stays attached and is stopped normally. `info` stays owned by the caller (normally
 // an entry of m_arrUserInfos).
 int VornMediaPlay(const char* url, _USER_CMD_INFO* info);
+// Publishes `job` in m_arrUserInfos, which owns it from then on, and starts it with
+// VornMediaPlay; its result. The job stays published whatever the start reports (a
+// media-server stream reports failure while it opens): the maintenance thread retires jobs
+// that get no data. Call it without csRecorder held.
+int StartMediaJob(const char* url, _USER_CMD_INFO* job);
 // Leaves the session of `info` (the last consumer closes the stream, joining its thread:
 // never call it with csRecorder held). 1 when this closed the session; 0 when `info` or
 // its player is null or other consumers remain.

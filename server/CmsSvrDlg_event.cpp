@@ -279,30 +279,6 @@ void AppendReplayWindow(const char* url, uint32_t start, char* out, size_t outSi
                   a[1], a[2], a[3], a[4], a[5], b[0], b[1], b[2], b[3], b[4], b[5]);
 }
 
-// Publishes the consumer and starts it. A consumer that did not start is taken back at
-// once rather than left for the maintenance time-out.
-bool StartConsumer(const char* url, _USER_CMD_INFO* info) {
-    {
-        std::lock_guard<std::mutex> lock(csRecorder);
-        m_arrUserInfos.push_back(info);
-    }
-    if (VornMediaPlay(url, info) != 0) return true;
-    bool ours = false;
-    {
-        std::lock_guard<std::mutex> lock(csRecorder);
-        auto it = std::find(m_arrUserInfos.begin(), m_arrUserInfos.end(), info);
-        if (it != m_arrUserInfos.end()) {
-            m_arrUserInfos.erase(it);
-            ours = true;
-        }
-    }
-    if (ours) {
-        VornMediaStop(info);
-        delete info;
-    }
-    return false;
-}
-
 }  // namespace
 
 void CCMSSvrDlg::ProcessEventBuf(int loginId, int mode, const unsigned char* buffer, int length) {
@@ -353,7 +329,7 @@ bool CCMSSvrDlg::IntvDownProcess() {
     info->type = 1;
     std::snprintf(info->table, sizeof info->table, "%s", "intveventlog");
     info->unStart = info->unlastdata = GetTickCount();  // not stale before it starts
-    const bool started = StartConsumer(replayUrl, info);
+    const bool started = StartMediaJob(replayUrl, info) != 0;
     // By one, not to the alarm id, so that ids skipped on the way are visited later.
     ++m_nLastRecord;
     return started;

@@ -128,18 +128,6 @@ uint32_t NextRecordSession() {
     return GetCurrentTime() * kSessionSlots + next;
 }
 
-// Publishes the job and starts it. A job whose start reports failure stays published: a
-// stream from a media server reports failure while it opens, so the job is left for the
-// maintenance thread to retire when no data comes.
-bool StartJob(const char* url, std::unique_ptr<_USER_CMD_INFO> owned) {
-    _USER_CMD_INFO* job = owned.get();
-    {
-        std::lock_guard<std::mutex> lock(csRecorder);
-        m_arrUserInfos.push_back(owned.release());
-    }
-    return VornMediaPlay(url, job) != 0;
-}
-
 // ---- Handlers: each runs one command and returns its result ----
 
 bool OnReset(CCMSSvrDlg&, _http_command& c) {
@@ -253,7 +241,7 @@ bool OnMediaJob(CCMSSvrDlg&, _http_command& c) {
     }
     if (c.command == HTTP_MANUAL_REC) job->unSession = c.session = NextRecordSession();
     job->unStart = job->unlastdata = GetTickCount();  // not stale before it starts
-    const bool started = StartJob(playUrl.c_str(), std::move(job));
+    const bool started = StartMediaJob(playUrl.c_str(), job.release()) != 0;
     if (!started) c.session = 0;
     return started;
 }

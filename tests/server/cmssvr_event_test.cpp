@@ -226,13 +226,21 @@ TEST_F(EventIngestion, ReplayFetchAdvancesOnlyPastResolvedAlarms) {
     EXPECT_FALSE(dlg->IntvDownProcess());  // channel 999 has no address: tried again later
     EXPECT_EQ(dlg->m_nLastRecord, 0);
 
-    // No replay can start without the media pools: the alarm is passed all the same, and
-    // no consumer is left behind.
+    // The alarm is passed whatever the start reports; its consumer stays attached for the
+    // maintenance thread to retire.
     dlg->m_nLastRecord = 1;
-    EXPECT_FALSE(dlg->IntvDownProcess());
+    dlg->IntvDownProcess();
     EXPECT_EQ(dlg->m_nLastRecord, 2);
-    std::lock_guard<std::mutex> lock(csRecorder);
-    EXPECT_TRUE(m_arrUserInfos.empty());
+    std::vector<_USER_CMD_INFO*> jobs;
+    {
+        std::lock_guard<std::mutex> lock(csRecorder);
+        jobs.swap(m_arrUserInfos);
+    }
+    ASSERT_EQ(jobs.size(), 1u);
+    EXPECT_EQ(jobs[0]->type, 1);
+    EXPECT_STREQ(jobs[0]->table, "intveventlog");
+    for (_USER_CMD_INFO* job : jobs) VornMediaStop(job);
+    ReleaseArray(jobs);
 }
 
 }  // namespace

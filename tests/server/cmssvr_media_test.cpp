@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "RUSKNetSDK.h"
+#include "comm/sysutil.h"
 #include "media/devoperate.h"
 #include "media/devpool.h"
 #include "server/CmsSvrDlg.h"
@@ -142,8 +143,8 @@ TEST_F(MediaJobs, TriggerJobsNameTheirFilesByNumber) {
 }
 
 // IntvDownProcess in-process, for a device behind a media server (the peer): the alarm's
-// 30-second window is opened there, and taken back at once because a media-server start
-// reports itself pending; no consumer stays.
+// 30-second window is opened there as a replay job of its own, which stays attached (a
+// media-server start reports itself pending) until the maintenance thread retires it.
 TEST(AlarmReplay, StoredAlarmOpensItsThirtySecondsOnTheMediaServer) {
     cmstest::TestDatabase db;
     cmstest::RtspPeer peer;
@@ -159,12 +160,22 @@ TEST(AlarmReplay, StoredAlarmOpensItsThirtySecondsOnTheMediaServer) {
     CCMSSvrDlg dlg;
     ASSERT_TRUE(dlg.LoadData());
     EXPECT_FALSE(dlg.IntvDownProcess());
-    EXPECT_TRUE(m_arrUserInfos.empty());
+    std::vector<_USER_CMD_INFO*> jobs;
+    {
+        std::lock_guard<std::mutex> lock(csRecorder);
+        jobs.swap(m_arrUserInfos);
+    }
+    ASSERT_EQ(jobs.size(), 1u);
+    EXPECT_EQ(jobs[0]->type, 1);
     const CHANPLAY_BASE& replay = m_arrPlayInfos[0]->chan;
-    EXPECT_TRUE(replay.bReplay && replay.bExit && replay.nMode == R_PLAY_MEDIA);
+    EXPECT_TRUE(replay.bReplay && !replay.bExit && replay.nMode == R_PLAY_MEDIA);
+    EXPECT_EQ(jobs[0]->player, m_arrPlayInfos[0]);
     EXPECT_NE(std::string(replay.szURL).find("?replay=0&2024-3-5-7-4-9&2024-3-5-7-4-39"),
               std::string::npos)
         << replay.szURL;
+    for (_USER_CMD_INFO* job : jobs) VornMediaStop(job);
+    EXPECT_TRUE(replay.bExit);
+    ReleaseArray(jobs);
     dlg.ReleaseData();
 }
 
