@@ -71,7 +71,10 @@ typedef int (*RUSK_ReplayCallBack)(int handle, int dataType, unsigned char* buff
 
 /* Plays `url` from a media server (the play address with its route segments and query).
  * `mode` 1. Returns a handle >= 0, or a negative value when it could not be opened; a
- * dropped stream is re-opened with back-off until it is stopped. */
+ * dropped stream is re-opened with back-off until it is stopped. An address whose query has
+ * "event=" opens an event link instead (docs/protocol.md): each buffer is one event packet
+ * as the node sent it, `dataType` the message type it came in (22 meta, 2 alarm); drops and
+ * re-links are reported as for streams. */
 int RUSK_MEDIA_PLAY(const char* url, int mode, RUSK_DataCallBack callback, void* user);
 /* Stops it (interrupting a blocked read) and joins its reader. Returns 1, 0 when unknown. */
 int RUSK_STOP_MEDIA_PLAY(int handle);

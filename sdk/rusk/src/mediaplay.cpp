@@ -20,6 +20,7 @@
 
 #include "RUSKNetSDK.h"
 #include "RtspClientSDK.h"
+#include "eventlink.h"
 
 namespace rusk {
 
@@ -187,17 +188,26 @@ Plays& Table() {
 
 }  // namespace
 
+// Streams and event links draw their handles from one counter, so one stop serves both.
+static int NextHandle() {
+    Plays& t = Table();
+    std::lock_guard<std::mutex> lock(t.mutex);
+    int handle = t.next;
+    t.next = t.next == std::numeric_limits<int>::max() ? 0 : t.next + 1;
+    return handle;
+}
+
 int RUSK_MEDIA_PLAY(const char* url, int, RUSK_DataCallBack callback, void* user) {
+    if (!callback) return -1;
+    if (rusk::IsEventLinkAddress(url)) {
+        int handle = NextHandle();
+        return rusk::EventLinkStart(handle, url, callback, user) ? handle : -1;
+    }
     std::string address;
-    if (!callback || !rusk::MediaPlayAddress(url, address)) return -1;
+    if (!rusk::MediaPlayAddress(url, address)) return -1;
     RtspClient_Init();
     Plays& t = Table();
-    int handle;
-    {
-        std::lock_guard<std::mutex> lock(t.mutex);
-        handle = t.next;
-        t.next = t.next == std::numeric_limits<int>::max() ? 0 : t.next + 1;
-    }
+    int handle = NextHandle();
     auto play = std::make_shared<MediaPlay>(handle, std::move(address), callback, user);
     if (!play->Start()) return -1;
     std::lock_guard<std::mutex> lock(t.mutex);
@@ -211,7 +221,7 @@ int RUSK_STOP_MEDIA_PLAY(int handle) {
         Plays& t = Table();
         std::lock_guard<std::mutex> lock(t.mutex);
         auto it = t.plays.find(handle);
-        if (it == t.plays.end()) return 0;
+        if (it == t.plays.end()) return rusk::EventLinkStop(handle) ? 1 : 0;
         play = std::move(it->second);
         t.plays.erase(it);
     }
