@@ -179,8 +179,11 @@ bool CCMSSvrDlg::ResetSystem() {
     // HTTP commands refuse to run while the catalogue is half reloaded.
     m_bResetData = true;
     RunMessageServer(false);
+    // The links point at the records about to be released.
+    LocalIntvProcessRun(false);
     ReleaseData();
     LoadData();
+    LocalIntvProcessRun(true);
     RunMessageServer(true);
     m_bResetData = false;
     return true;

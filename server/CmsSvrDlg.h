@@ -66,6 +66,17 @@ public:
     // from several threads at once.
     bool HttpProcess(_http_command* command);
 
+    // ---- Analytics event links (server/CmsSvrDlg_intv.cpp) ----
+    // The link threads; each returns 0 once its stop flag is set.
+    static int TransDevIntvEventThread(CCMSSvrDlg* self);
+    static int TransSvrIntvEventThread(CCMSSvrDlg* self);
+    // Media-library callbacks of the links; `record` is the linked _hcrecord_Info or
+    // _sysserver_info. They take the catalogue lock themselves.
+    static void IntvDevCallBack(int handle, int type, unsigned char* buffer, int length, int extra,
+                                void* record);
+    static void IntvSvrCallBack(int handle, int type, unsigned char* buffer, int length, int extra,
+                                void* record);
+
     // ---- Event ingestion ----
     void ProcessEventBuf(int loginId, int mode, const unsigned char* buffer, int length);
     void ProcessEventFromStruct(const unsigned char* buffer, int length);

@@ -57,8 +57,9 @@ Daemon::Daemon(const DaemonSettings& s) : m_settings(s) {
     m_dir.Write("config/cmslocal.xml", local);
     std::string param = "<cfg>\n<db>\n  <name>" + s.dbName + "</name>\n  <ip>127.0.0.1</ip>\n" +
                         "  <port>" + std::to_string(s.dbPort) + "</port>\n  <user>" + s.dbUser +
-                        "</user>\n  <pass>" + s.dbPass + "</pass>\n  <local>0</local>\n</db>\n" +
-                        s.extraParam + "</cfg>\n";
+                        "</user>\n  <pass>" + s.dbPass + "</pass>\n  <local>" +
+                        std::to_string(s.localMode) + "</local>\n</db>\n" + s.extraParam +
+                        "</cfg>\n";
     m_dir.Write("config/cmsparam.xml", param);
     if (!s.devXml.empty()) m_dir.Write("config/dev.xml", s.devXml);
 }

@@ -36,6 +36,7 @@ struct DaemonSettings {
     std::string dbPass = "cms";
     std::string extraParam;  // extra text inside <db>...</db>'s file, e.g. <paths>
     std::string devXml;      // config/dev.xml (device URL templates); empty: no file
+    int localMode = 0;       // <local>: non-zero starts the analytics event links
 };
 
 class Daemon {
