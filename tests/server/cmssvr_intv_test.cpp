@@ -14,6 +14,7 @@
 #include "mysql/dbrecords.h"
 #include "support/daemon.h"
 #include "support/eventpeer.h"
+#include "support/httpclient.h"
 #include "support/testdb.h"
 
 using namespace std::chrono_literals;
@@ -61,6 +62,7 @@ TEST(EventLinks, LocalModeLinksAnalyticsNodesFeedsIngestionAndRelinks) {
     s.dbName = db.name();
     s.dbPort = cmstest::TestDatabase::Port();
     s.localMode = 1;
+    s.httpPort = cmstest::FreePort();
     cmstest::Daemon d(s);
     ASSERT_TRUE(d.Start());
     ASSERT_TRUE(d.WaitFor("dev IntvA linked", 10s)) << d.Output();
@@ -95,9 +97,19 @@ TEST(EventLinks, LocalModeLinksAnalyticsNodesFeedsIngestionAndRelinks) {
     EXPECT_TRUE(d.WaitFor("dev Svr relinked", 5s)) << d.Output();
     EXPECT_EQ(1, db.Count("devrunlog"));  // both were online already
 
+    // A reset releases the records the links point at: they are stopped and made afresh.
+    cmstest::HttpGet(s.httpPort, "/?cmd=reset");
+    ASSERT_TRUE(d.WaitFor("cserver reset succ", 10s)) << d.Output();
+    EXPECT_TRUE(d.WaitFor("svr Svr linked", 10s, 2)) << d.Output();
+    EXPECT_TRUE(svr.WaitLinks(3) && devOnline.WaitLinks(2));
+    ASSERT_TRUE(svr.Send(2, Packet(300, DEVCHAN_NODE, 0x03000005)));
+    for (int i = 0; i < 100 && db.Count("intveventlog2") < 2; ++i)
+        std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(2, db.Count("intveventlog2"));
+    EXPECT_EQ(1, db.Count("devrunlog"));
+
     EXPECT_TRUE(camera.Paths().empty());
     EXPECT_TRUE(media.Paths().empty());
-    EXPECT_EQ(1u, devOnline.Paths().size());
     EXPECT_EQ(0, d.Stop(SIGTERM, 5s));
 }
 
