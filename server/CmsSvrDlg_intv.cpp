@@ -35,6 +35,11 @@ constexpr char kOnline[] = "设备上线";
 
 using std::chrono::milliseconds;
 
+template <size_t N>
+std::string Field(const char (&text)[N]) {
+    return std::string(text, strnlen(text, N));
+}
+
 // What differs between the two kinds of linked record.
 struct DevSide {
     using Rec = _hcrecord_Info;
@@ -44,7 +49,7 @@ struct DevSide {
     static auto& Base(Rec& r) { return r.dev; }
     static auto& Status(Rec& r) { return r.dev.nStatus; }
     // The logout line names a device by its name.
-    static const char* LogoutName(Rec& r) { return r.dev.szName; }
+    static std::string LogoutName(Rec& r) { return Field(r.dev.szName); }
     static constexpr RUSK_DataCallBack kCallback = &CCMSSvrDlg::IntvDevCallBack;
 };
 
@@ -55,15 +60,10 @@ struct SvrSide {
     static std::vector<Rec*>& Records() { return m_arrServerFromDB; }
     static auto& Base(Rec& r) { return r.svr; }
     static auto& Status(Rec& r) { return r.svr.nState; }
-    // ... and a server by its serial, deliberately: operators match these lines on it.
-    static const char* LogoutName(Rec& r) { return r.svr.szSerial; }
+    // ... and a server by its serial, not its name: deliberate.
+    static std::string LogoutName(Rec& r) { return Field(r.svr.szSerial); }
     static constexpr RUSK_DataCallBack kCallback = &CCMSSvrDlg::IntvSvrCallBack;
 };
-
-template <size_t N>
-std::string Field(const char (&text)[N]) {
-    return std::string(text, strnlen(text, N));
-}
 
 // Clears the off-line bit; true (with the new status) when it was set.
 template <class Side>
@@ -150,8 +150,7 @@ void OnStatus(typename Side::Rec* rec, int type) {
             wasOffline = ClearOffline<Side>(*rec, status);
             name = Field(Side::Base(*rec).szName);
         } else {
-            const char* n = Side::LogoutName(*rec);
-            name.assign(n, strnlen(n, sizeof(Side::Base(*rec).szName)));
+            name = Side::LogoutName(*rec);
         }
     }
     if (type == VORN_STATUS_RELINK) {
