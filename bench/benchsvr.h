@@ -113,6 +113,7 @@ public:
     // dev.xml when not empty; set before Start().
     std::string extraParam;
     std::string devXml;
+    int localMode = 0;  // 1: link every analytics device and server for its events
 
 private:
     void WriteSettings() const {
@@ -124,7 +125,7 @@ private:
         std::ofstream(m_dir + "/config/cmsparam.xml")
             << "<cfg>\n<db>\n  <name>" << m_dbName << "</name>\n  <ip>127.0.0.1</ip>\n  <port>"
             << m_dbPort << "</port>\n  <user>cms</user>\n  <pass>cms</pass>\n"
-            << "  <local>0</local>\n</db>\n"
+            << "  <local>" << localMode << "</local>\n</db>\n"
             << extraParam << "</cfg>\n";
         if (!devXml.empty()) std::ofstream(m_dir + "/config/dev.xml") << devXml;
     }
