@@ -113,4 +113,53 @@ TEST(EventLinks, LocalModeLinksAnalyticsNodesFeedsIngestionAndRelinks) {
     EXPECT_EQ(0, d.Stop(SIGTERM, 5s));
 }
 
+// A node that is down when the server starts is linked once it comes up; a node that breaks
+// the framing is dropped and re-linked, while the others keep their links and their events.
+TEST(EventLinks, LateAndHostileNodes) {
+    cmstest::TestDatabase db;
+    ASSERT_TRUE(db.ok());
+    cmstest::EventPeer hostile("127.0.0.7"), steady("127.0.0.8");
+    int latePort = 0;
+    {
+        cmstest::EventPeer probe("127.0.0.9");
+        latePort = probe.port();
+    }
+    auto port = [](const cmstest::EventPeer& p) { return std::to_string(p.port()); };
+    ASSERT_TRUE(db.Exec(
+        "insert into device(id,name,ftype,ip,port,status) values (110,'Late',3,'127.0.0.9'," +
+        std::to_string(latePort) +
+        ",0);"
+        "insert into serverinfo(id,name,svrtype,ip,port,sn,status) values"
+        " (210,'Hostile',3,'127.0.0.7'," +
+        port(hostile) + ",'H-SN',0), (211,'Steady',3,'127.0.0.8'," + port(steady) +
+        ",'S-SN',0);"
+        "insert into devicechan(id) values (300)"));
+    cmstest::DaemonSettings s;
+    s.dbName = db.name();
+    s.dbPort = cmstest::TestDatabase::Port();
+    s.localMode = 1;
+    cmstest::Daemon d(s);
+    ASSERT_TRUE(d.Start());
+    ASSERT_TRUE(d.WaitFor("svr Hostile linked", 10s) && d.WaitFor("svr Steady linked", 10s))
+        << d.Output();
+
+    cmstest::EventPeer late("127.0.0.9", latePort);
+    EXPECT_TRUE(d.WaitFor("dev Late linked", 10s)) << d.Output();
+    EXPECT_TRUE(late.WaitLinks(1));
+
+    // A length far over the frame limit, then bytes that are no frame at all.
+    ASSERT_TRUE(hostile.SendRaw(std::string("\xff\xff\xff\x7f", 4) + std::string(64, 'x')));
+    EXPECT_TRUE(d.WaitFor("dev :H-SN logout", 5s)) << d.Output();
+    EXPECT_TRUE(hostile.WaitLinks(2));
+    ASSERT_TRUE(hostile.SendRaw(std::string(13, '\x01') + std::string(40, '\x7f')));
+    EXPECT_TRUE(d.WaitFor("dev :H-SN logout", 5s, 2)) << d.Output();
+
+    ASSERT_TRUE(steady.Send(2, Packet(300, DEVCHAN_NODE, 0x03000005)));
+    for (int i = 0; i < 100 && db.Count("intveventlog2") == 0; ++i)
+        std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(1, db.Count("intveventlog2"));
+    EXPECT_EQ(1u, steady.Paths().size());  // never dropped
+    EXPECT_EQ(0, d.Stop(SIGTERM, 5s));
+}
+
 }  // namespace

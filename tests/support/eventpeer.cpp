@@ -39,12 +39,13 @@ std::string ReadRequest(int fd) {
 
 }  // namespace
 
-EventPeer::EventPeer(const char* host) {
+EventPeer::EventPeer(const char* host, int port) {
     m_listen = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     int one = 1;
     setsockopt(m_listen, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
     sockaddr_in a{};
     a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(port));
     inet_pton(AF_INET, host, &a.sin_addr);
     bind(m_listen, reinterpret_cast<sockaddr*>(&a), sizeof(a));
     listen(m_listen, 8);

@@ -14,7 +14,9 @@ namespace cmstest {
 
 class EventPeer {
 public:
-    explicit EventPeer(const char* host = "127.0.0.1");
+    // Listens on `host`, on `port` when given (a node coming back where it was), else on a
+    // free port.
+    explicit EventPeer(const char* host = "127.0.0.1", int port = 0);
     ~EventPeer();
     EventPeer(const EventPeer&) = delete;
     EventPeer& operator=(const EventPeer&) = delete;
