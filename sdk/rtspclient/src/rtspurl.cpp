@@ -7,21 +7,6 @@
 
 namespace rtspc {
 
-std::string PercentEncode(const std::string& text) {
-    static const char kHex[] = "0123456789ABCDEF";
-    std::string out;
-    for (unsigned char c : text) {
-        if (std::isalnum(c) || c == '-' || c == '.' || c == '_' || c == '~') {
-            out += static_cast<char>(c);
-        } else {
-            out += '%';
-            out += kHex[c >> 4];
-            out += kHex[c & 15];
-        }
-    }
-    return out;
-}
-
 bool ComposeUrl(const char* url, int port, const char* user, const char* pass, std::string& out) {
     static const char kScheme[] = "rtsp://";
     const size_t schemeLen = sizeof(kScheme) - 1;

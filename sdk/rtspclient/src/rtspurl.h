@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "VornUrlText.h"
+
 namespace rtspc {
 
 // `url` is "rtsp://[user[:pass]@]host[:port][/path][?query]" (scheme in any case; host may
@@ -13,7 +15,6 @@ namespace rtspc {
 // False, `out` untouched, when the scheme is not rtsp or the host is empty.
 bool ComposeUrl(const char* url, int port, const char* user, const char* pass, std::string& out);
 
-// Percent-encodes everything but the unreserved characters (letters, digits, "-._~").
-std::string PercentEncode(const std::string& text);
+using vorn::PercentEncode;
 
 }  // namespace rtspc

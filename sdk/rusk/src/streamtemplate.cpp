@@ -35,23 +35,6 @@ std::string Value(std::string_view name, const TemplateValues& v) {
 
 }  // namespace
 
-std::string PercentEncode(const std::string& text) {
-    static const char kHex[] = "0123456789ABCDEF";
-    std::string out;
-    for (unsigned char c : text) {
-        bool plain = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-                     c == '-' || c == '.' || c == '_' || c == '~';
-        if (plain) {
-            out += static_cast<char>(c);
-        } else {
-            out += '%';
-            out += kHex[c >> 4];
-            out += kHex[c & 15];
-        }
-    }
-    return out;
-}
-
 void SetStreamTemplates(int dvrType, const StreamTemplates& templates) {
     std::lock_guard<std::mutex> lock(g_templatesMutex);
     if (templates.live.empty() && templates.sub.empty() && templates.replay.empty())

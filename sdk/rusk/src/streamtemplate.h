@@ -5,6 +5,7 @@
 #include <string>
 
 #include "RUSKNetSDK.h"
+#include "VornUrlText.h"
 #include "driver.h"
 
 namespace rusk {
@@ -20,8 +21,7 @@ void SetStreamTemplates(int dvrType, const StreamTemplates& templates);
 // False when nothing is registered for the type.
 bool GetStreamTemplates(int dvrType, StreamTemplates& out);
 
-// Escapes every byte but letters, digits and "-._~" as %XX, for address parts.
-std::string PercentEncode(const std::string& text);
+using vorn::PercentEncode;
 
 // What a template's placeholders stand for. {start} and {stop} are left empty when the
 // times are null.
