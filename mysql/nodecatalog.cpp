@@ -6,6 +6,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "comm/boundedtext.h"
 #include "comm/globle.h"
@@ -108,15 +111,61 @@ int IntColumn(CMysqlRecordSet& rs, const char* name) {
     return std::atoi(value);
 }
 
-// Inserts `node` at `pos` when a folder was already placed there, else appends it and
-// remembers where; so each higher folder lands before the lower ones.
-void PlaceFolder(NodeList& list, long& pos, node_info* node) {
-    if (pos < 0) {
-        pos = static_cast<long>(list.size());
-        list.push_back(node);
-    } else {
-        list.insert(list.begin() + pos, node);
+// ---- Local indexes ----
+// The builders find records by id through maps built once per list. Each map holds the
+// first record of an id in vector order, which is the record a scan of the vector finds.
+
+template <class T>
+using IdMap = std::unordered_map<int, T*>;
+
+template <class T, class IdOf>
+IdMap<T> FirstById(const std::vector<T*>& v, IdOf id) {
+    IdMap<T> m;
+    m.reserve(v.size());
+    for (T* p : v)
+        if (p) m.emplace(id(*p), p);
+    return m;
+}
+
+// The same, for the ids in `wanted` only: a short list on a large catalogue costs one
+// pass over the vector and no map of its whole size.
+template <class T, class IdOf>
+IdMap<T> FirstById(const std::vector<T*>& v, IdOf id, const std::unordered_set<int>& wanted) {
+    IdMap<T> m;
+    m.reserve(wanted.size());
+    for (T* p : v)
+        if (p && wanted.count(id(*p))) m.emplace(id(*p), p);
+    return m;
+}
+
+template <class T>
+T* Find(const IdMap<T>& m, int id) {
+    auto it = m.find(id);
+    return it == m.end() ? nullptr : it->second;
+}
+
+int RegionIdOf(const _msg_region_base& r) { return r.nID; }
+int DeviceIdOf(const _hcrecord_Info& d) { return d.dev.nID; }
+int ChannelIdOf(const _msg_video_record_base& c) { return c.nID; }
+
+// Devices and channels by id, as far as a list of members needs them.
+struct MemberIndex {
+    IdMap<_hcrecord_Info> devices;
+    IdMap<_msg_video_record_base> channels;
+
+    void Build(const std::unordered_set<int>& deviceIds, const std::unordered_set<int>& chanIds) {
+        channels = FirstById(m_arrVideoChanInfos, ChannelIdOf, chanIds);
+        std::unordered_set<int> wanted = deviceIds;
+        for (const auto& c : channels) wanted.insert(c.second->nDeviceID);
+        devices = FirstById(m_arrRecordInfos, DeviceIdOf, wanted);
     }
+    const _hcrecord_Info* Device(int id) const { return Find(devices, id); }
+    const _msg_video_record_base* Channel(int id) const { return Find(channels, id); }
+};
+
+// The text of a node's code field as GetNodeFromCode compares it.
+std::string CodeKey(const node_info& n) {
+    return std::string(n.szCode, strnlen(n.szCode, sizeof(n.szCode)));
 }
 
 }  // namespace
@@ -206,18 +255,30 @@ _msg_domain_chan_v2* GetDomainShareChan(const std::vector<_msg_domain_chan_v2*>&
 namespace {
 
 // The node of one share entry with its device; null when a record is missing.
-node_info* NodeFromShare(const _msg_domain_chan_v2& e, const _hcrecord_Info*& device) {
+node_info* NodeFromShare(const _msg_domain_chan_v2& e, const MemberIndex& index,
+                         const _hcrecord_Info*& device) {
     device = nullptr;
     if (e.nType == DEVICE_NODE) {
-        device = GetDeviceInfoByID(m_arrRecordInfos, e.nNodeID);
+        device = index.Device(e.nNodeID);
         return device ? MakeDeviceNode(device->dev, kShareDevice) : nullptr;
     }
     if (e.nType == DEVCHAN_NODE) {
-        const _msg_video_record_base* chan = GetVideoChanInfoByID(m_arrVideoChanInfos, e.nNodeID);
-        if (chan) device = GetDeviceInfoByID(m_arrRecordInfos, chan->nDeviceID);
+        const _msg_video_record_base* chan = index.Channel(e.nNodeID);
+        if (chan) device = index.Device(chan->nDeviceID);
         return device ? MakeNode(*chan, device->dev, kShareChannel) : nullptr;
     }
     return nullptr;
+}
+
+// Adds `region` and the regions above it that are not yet needed, nearest first (ids
+// compared, as a region chain always is). Every region of a chain is the first record of
+// its id, so a region already needed had its whole chain added before: the walk stops
+// there, which also ends it on a parent cycle.
+void NeedRegionChain(const _msg_region_base* region, const IdMap<_msg_region_base>& byId,
+                     std::unordered_set<int>& neededIds, NodeList& folders) {
+    for (; region && neededIds.insert(region->nID).second; region = Find(byId, region->nParentID)) {
+        folders.push_back(MakeRegionFolder(*region, Find(byId, region->nParentID)));
+    }
 }
 
 }  // namespace
@@ -225,25 +286,30 @@ node_info* NodeFromShare(const _msg_domain_chan_v2& e, const _hcrecord_Info*& de
 int GetNodesFromCMS(const char* code, int flag, std::vector<node_info*>& out) {
     OwnedList<_msg_domain_chan_v2> shares;
     if (!GetDomainChanFromDB(code, shares.v)) return 0;
+    std::unordered_set<int> deviceIds, chanIds;
+    for (const _msg_domain_chan_v2* e : shares.v)
+        (e->nType == DEVICE_NODE ? deviceIds : chanIds).insert(e->nNodeID);
 
     CatalogReadLock lock(csCatalog);
-    std::vector<_msg_region_base*> needed;
+    MemberIndex index;
+    index.Build(deviceIds, chanIds);
+    const IdMap<_msg_region_base> regions = FirstById(m_arrRegionInfos, RegionIdOf);
+    std::unordered_set<int> neededIds;
+    NodeList folders, members;
     for (const _msg_domain_chan_v2* e : shares.v) {
         const _hcrecord_Info* device = nullptr;
-        node_info* node = NodeFromShare(*e, device);
+        node_info* node = NodeFromShare(*e, index, device);
         if (!node) continue;
         if (flag == 0) {
-            _msg_region_base* region = GetRegion(m_arrRegionInfos, device->dev.nRegionID);
+            const _msg_region_base* region = Find(regions, device->dev.nRegionID);
             if (region) btext::CopyField(node->szParentCode, region->szSerial);
-            GetParengRegionsEx(region, m_arrRegionInfos, needed);
+            NeedRegionChain(region, regions, neededIds, folders);
         }
-        out.push_back(node);
+        members.push_back(node);
     }
     // Folders go in front so that an upper domain meets a folder before its members.
-    for (auto it = needed.rbegin(); it != needed.rend(); ++it) {
-        const _msg_region_base* parent = GetParentRegion(*it, m_arrRegionInfos);
-        out.insert(out.begin(), MakeRegionFolder(**it, parent));
-    }
+    out.insert(out.begin(), folders.begin(), folders.end());
+    out.insert(out.end(), members.begin(), members.end());
     return 1;
 }
 
@@ -251,10 +317,11 @@ int GetNodesFromCMS(const char* code, int flag, std::vector<node_info*>& out) {
 
 namespace {
 
-void AppendCmsDevices(const std::vector<_msg_region_base*>& regions, NodeList& out) {
+// `listed`: the regions of the list by id (first in list order); `all`: every region by id.
+void AppendCmsDevices(const IdMap<_msg_region_base>& listed, NodeList& out) {
     for (const _hcrecord_Info* d : m_arrRecordInfos) {
         if (d->dev.nHardType != kListedHardType || d->dev.szCode[0] == '\0') continue;
-        const _msg_region_base* region = GetRegion(regions, d->dev.nRegionID);
+        const _msg_region_base* region = Find(listed, d->dev.nRegionID);
         if (!region) continue;
         node_info* n = MakeDeviceNode(d->dev, kCmsDevice);
         btext::CopyField(n->szParentCode, region->szSerial);
@@ -262,12 +329,15 @@ void AppendCmsDevices(const std::vector<_msg_region_base*>& regions, NodeList& o
     }
 }
 
-void AppendCmsChannels(NodeList& out) {
+// A channel's region is looked up among all regions, not only the listed ones: channels
+// of devices outside the root's tree have always been sent.
+void AppendCmsChannels(const IdMap<_msg_region_base>& all, NodeList& out) {
+    const IdMap<_hcrecord_Info> devices = FirstById(m_arrRecordInfos, DeviceIdOf);
     for (const _msg_video_record_base* c : m_arrVideoChanInfos) {
         if (c->nType != kListedHardType || c->szCode[0] == '\0') continue;
-        const _hcrecord_Info* d = GetDeviceInfoByID(m_arrRecordInfos, c->nDeviceID);
+        const _hcrecord_Info* d = Find(devices, c->nDeviceID);
         if (!d) continue;
-        const _msg_region_base* region = GetRegion(m_arrRegionInfos, d->dev.nRegionID);
+        const _msg_region_base* region = Find(all, d->dev.nRegionID);
         if (!region) continue;
         node_info* n = MakeNode(*c, d->dev, kCmsChannel);
         btext::CopyField(n->szParentCode, region->szSerial);
@@ -283,16 +353,18 @@ int GetCmsNodesFromSystem(int flag, std::vector<node_info*>& out) {
     if (!root) return 0;
     std::vector<_msg_region_base*> regions{root};
     GetRegions(root, m_arrRegionInfos, regions);
+    const IdMap<_msg_region_base> all = FirstById(m_arrRegionInfos, RegionIdOf);
 
+    NodeList folders;
     if (flag == 0) {
         // The root itself is never sent: the upper domain is its parent.
-        for (auto it = regions.rbegin(); it != regions.rend(); ++it) {
-            const _msg_region_base* parent = GetParentRegion(*it, m_arrRegionInfos);
-            if (parent) out.insert(out.begin(), MakeRegionFolder(**it, parent));
-        }
+        for (const _msg_region_base* r : regions)
+            if (const _msg_region_base* parent = Find(all, r->nParentID))
+                folders.push_back(MakeRegionFolder(*r, parent));
     }
-    AppendCmsDevices(regions, out);
-    AppendCmsChannels(out);
+    out.insert(out.begin(), folders.begin(), folders.end());
+    AppendCmsDevices(FirstById(regions, RegionIdOf), out);
+    AppendCmsChannels(all, out);
     return 1;
 }
 
@@ -307,49 +379,88 @@ node_info* GetNodeFromCode(const std::vector<node_info*>& v, const char* code) {
 
 namespace {
 
+// What the folder walks of a group list look up, built once per list, and the codes the
+// two folder lists hold so far (kept in step with the lists).
+struct FolderWalk {
+    IdMap<_msg_devgroup_base> groups;
+    std::unordered_map<std::string, const _msg_devgroup_base*> groupByCode;  // first per code
+    IdMap<_msg_region_base> regions;
+    size_t groupCount;
+    size_t regionCount;
+    std::unordered_set<std::string> groupCodes;
+    std::unordered_set<std::string> regionCodes;
+    // A walk from a start already walked adds nothing (every code it meets is listed by
+    // then) and ends where it ended before.
+    std::unordered_map<const _msg_devgroup_base*, const _msg_devgroup_base*> topOf;
+    std::unordered_set<const _msg_region_base*> regionWalked;
+
+    FolderWalk(const std::vector<_msg_region_base*>& r, const std::vector<_msg_devgroup_base*>& g,
+               const NodeList& regionNodes, const NodeList& groupNodes)
+        : groups(FirstById(g, [](const _msg_devgroup_base& x) { return x.nID; })),
+          regions(FirstById(r, RegionIdOf)),
+          groupCount(g.size()),
+          regionCount(r.size()) {
+        for (const _msg_devgroup_base* x : g)
+            if (x) groupByCode.emplace(std::string(x->szCode, btext::Len(x->szCode)), x);
+        for (const node_info* n : regionNodes) regionCodes.insert(CodeKey(*n));
+        for (const node_info* n : groupNodes) groupCodes.insert(CodeKey(*n));
+    }
+};
+
 // Walks up from `group`, adding the missing group folders; returns the topmost group.
-const _msg_devgroup_base* AppendGroupFolders(const _msg_devgroup_base* group,
-                                             const std::vector<_msg_region_base*>& regions,
-                                             const std::vector<_msg_devgroup_base*>& groups,
+// Within one walk each higher folder goes before the lower ones.
+const _msg_devgroup_base* AppendGroupFolders(const _msg_devgroup_base* group, FolderWalk& walk,
                                              NodeList& groupNodes) {
-    long pos = -1;
+    const auto known = walk.topOf.find(group);
+    if (known != walk.topOf.end()) return known->second;
+    const _msg_devgroup_base* start = group;
     const _msg_devgroup_base* top = group;
+    NodeList added;
     // Bounded by the number of groups so that a parent cycle cannot hang the walk.
-    for (size_t steps = 0; group && group->szCode[0] && steps <= groups.size(); ++steps) {
+    for (size_t steps = 0; group && group->szCode[0] && steps <= walk.groupCount; ++steps) {
         top = group;
-        const _msg_devgroup_base* next = GetGroup(group->nParentID, groups);
-        char code[sizeof(group->szCode) + 1] = {0};
-        btext::CopyField(code, group->szCode);
-        if (!GetNodeFromCode(groupNodes, code)) {
-            node_info* folder = nullptr;
+        const _msg_devgroup_base* next = Find(walk.groups, group->nParentID);
+        if (walk.groupCodes.insert(std::string(group->szCode, btext::Len(group->szCode))).second) {
             if (next) {
-                folder = MakeGroupFolder(*group, next->szCode, sizeof(next->szCode));
+                added.push_back(MakeGroupFolder(*group, next->szCode, sizeof(next->szCode)));
             } else {
-                const _msg_region_base* region = GetRegion(regions, group->nRegionID);
-                folder = region
-                             ? MakeGroupFolder(*group, region->szSerial, sizeof(region->szSerial))
-                             : MakeGroupFolder(*group, "", 0);
+                const _msg_region_base* region = Find(walk.regions, group->nRegionID);
+                added.push_back(
+                    region ? MakeGroupFolder(*group, region->szSerial, sizeof(region->szSerial))
+                           : MakeGroupFolder(*group, "", 0));
             }
-            PlaceFolder(groupNodes, pos, folder);
         }
         group = next;
     }
+    groupNodes.insert(groupNodes.end(), added.rbegin(), added.rend());
+    walk.topOf.emplace(start, top);
     return top;
 }
 
-void AppendRegionFolders(const _msg_region_base* region,
-                         const std::vector<_msg_region_base*>& regions, NodeList& regionNodes) {
-    long pos = -1;
-    for (size_t steps = 0; region && steps <= regions.size(); ++steps) {
-        const _msg_region_base* parent = GetParentRegion(region, regions);
-        char serial[sizeof(region->szSerial) + 1] = {0};
-        btext::CopyField(serial, region->szSerial);
+void AppendRegionFolders(const _msg_region_base* region, FolderWalk& walk, NodeList& regionNodes) {
+    if (!region || !walk.regionWalked.insert(region).second) return;
+    NodeList added;
+    for (size_t steps = 0; region && steps <= walk.regionCount; ++steps) {
+        const _msg_region_base* parent = Find(walk.regions, region->nParentID);
         // The folder carries the region's own name and serial, so that the lookup by
         // serial finds it again for the next member of the same region.
-        if (serial[0] && !GetNodeFromCode(regionNodes, serial))
-            PlaceFolder(regionNodes, pos, MakeRegionFolder(*region, parent));
+        std::string serial(region->szSerial, btext::Len(region->szSerial));
+        if (!serial.empty() && walk.regionCodes.insert(serial).second)
+            added.push_back(MakeRegionFolder(*region, parent));
         region = parent;
     }
+    regionNodes.insert(regionNodes.end(), added.rbegin(), added.rend());
+}
+
+int AppendParents(const node_info* node, FolderWalk& walk, NodeList& regionNodes,
+                  NodeList& groupNodes) {
+    if (!node || !node->szCode[0]) return 0;
+    const auto group =
+        walk.groupByCode.find(std::string(node->szParentCode, btext::Len(node->szParentCode)));
+    if (group == walk.groupByCode.end() || group->first.empty()) return 0;
+    const _msg_devgroup_base* top = AppendGroupFolders(group->second, walk, groupNodes);
+    AppendRegionFolders(Find(walk.regions, top->nRegionID), walk, regionNodes);
+    return 1;
 }
 
 }  // namespace
@@ -357,26 +468,20 @@ void AppendRegionFolders(const _msg_region_base* region,
 int AppendParentNodes(const node_info* node, const std::vector<_msg_region_base*>& regions,
                       const std::vector<_msg_devgroup_base*>& groups,
                       std::vector<node_info*>& regionNodes, std::vector<node_info*>& groupNodes) {
-    if (!node || !node->szCode[0]) return 0;
-    char parentCode[sizeof(node->szParentCode) + 1] = {0};
-    btext::CopyField(parentCode, node->szParentCode);
-    const _msg_devgroup_base* group = GetGroupFromCode(parentCode, groups);
-    if (!group) return 0;
-    const _msg_devgroup_base* top = AppendGroupFolders(group, regions, groups, groupNodes);
-    AppendRegionFolders(GetRegion(regions, top->nRegionID), regions, regionNodes);
-    return 1;
+    FolderWalk walk(regions, groups, regionNodes, groupNodes);
+    return AppendParents(node, walk, regionNodes, groupNodes);
 }
 
 namespace {
 
 // The member node of one group entry; null when its device or channel is missing.
-node_info* NodeFromMember(const _msg_changroup_base& m) {
+node_info* NodeFromMember(const _msg_changroup_base& m, const MemberIndex& index) {
     if (m.nChanID < 1) {
-        const _hcrecord_Info* d = GetDeviceInfoByID(m_arrRecordInfos, m.nDevID);
+        const _hcrecord_Info* d = index.Device(m.nDevID);
         return d ? MakeDeviceNode(d->dev, kGroupDevice) : nullptr;
     }
-    const _msg_video_record_base* c = GetVideoChanInfoByID(m_arrVideoChanInfos, m.nChanID);
-    const _hcrecord_Info* d = c ? GetDeviceInfoByID(m_arrRecordInfos, c->nDeviceID) : nullptr;
+    const _msg_video_record_base* c = index.Channel(m.nChanID);
+    const _hcrecord_Info* d = c ? index.Device(c->nDeviceID) : nullptr;
     return d ? MakeNode(*c, d->dev, kGroupChannel) : nullptr;
 }
 
@@ -402,17 +507,23 @@ int GetGroupNodesFromSystem(std::vector<node_info*>& out) {
     OwnedList<_msg_devgroup_base> groups;
     OwnedList<_msg_changroup_base> members;
     if (!LoadGroups(groups.v, members.v)) return 0;
+    std::unordered_set<int> deviceIds, chanIds;
+    for (const _msg_changroup_base* m : members.v)
+        (m->nChanID < 1 ? deviceIds : chanIds).insert(m->nChanID < 1 ? m->nDevID : m->nChanID);
 
     CatalogReadLock lock(csCatalog);
+    MemberIndex index;
+    index.Build(deviceIds, chanIds);
     NodeList regionNodes, groupNodes, memberNodes;
+    FolderWalk walk(m_arrRegionInfos, groups.v, regionNodes, groupNodes);
     for (const _msg_changroup_base* m : members.v) {
-        const _msg_devgroup_base* group = GetGroup(m->nGroupID, groups.v);
+        const _msg_devgroup_base* group = Find(walk.groups, m->nGroupID);
         if (!group) continue;
-        node_info* node = NodeFromMember(*m);
+        node_info* node = NodeFromMember(*m, index);
         if (!node) continue;
         btext::CopyField(node->szParentCode, group->szCode);
         memberNodes.push_back(node);
-        AppendParentNodes(node, m_arrRegionInfos, groups.v, regionNodes, groupNodes);
+        AppendParents(node, walk, regionNodes, groupNodes);
     }
     // Region folders first, then group folders: parents always precede their children.
     out.insert(out.end(), regionNodes.begin(), regionNodes.end());
