@@ -133,6 +133,7 @@ int readcmsconfig(_cmsParam* param) {
         ReadText(db, "<user>", "</user>", param->szDbUser);
         ReadText(db, "<pass>", "</pass>", param->szDbPass);
         ReadInt(db, "<local>", "</local>", param->nLocalMode);
+        ReadInt(db, "<pool>", "</pool>", param->nDbPool);
     }
     return 1;
 }

@@ -26,6 +26,7 @@ struct _cmsParam {
     char szDbPass[30];
     int szDbPort;    // an integer despite its prefix
     int nLocalMode;  // non-zero: start the analytics event links
+    int nDbPool;     // idle database connections kept for reuse; <= 0: the default (16)
 };
 
 struct _file_path {

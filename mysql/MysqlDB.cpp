@@ -12,17 +12,13 @@
 
 namespace {
 
-// An unreachable server must not stall the callers: the main loop retries once a second.
-constexpr unsigned int kConnectTimeoutSeconds = 3;
 constexpr char kLastIdQuery[] = "select last_insert_id()";
+// Clears what an earlier borrower left in last_insert_id(); a new connection reads 0.
+constexpr char kClearLastId[] = "do last_insert_id(0)";
 
-struct MysqlCloser {
-    void operator()(MYSQL* m) const { mysql_close(m); }
-};
 struct ResultFreer {
     void operator()(MYSQL_RES* r) const { mysql_free_result(r); }
 };
-using MysqlPtr = std::unique_ptr<MYSQL, MysqlCloser>;
 using ResultPtr = std::unique_ptr<MYSQL_RES, ResultFreer>;
 
 template <size_t N>
@@ -62,43 +58,69 @@ CMysqlDB::CMysqlDB()
       m_szUser{},
       m_szPass{},
       m_db{},
-      m_pStreaming(nullptr) {}
+      m_pStreaming(nullptr),
+      m_bPooled(false),
+      m_bReusable(false),
+      m_bSetsInsertId(false) {}
 
 CMysqlDB::~CMysqlDB() { Close(); }
 
 bool CMysqlDB::Connect(const char* host, int port, const char* user, const char* password,
                        const char* database) {
     std::lock_guard<std::mutex> lock(m_cs);
-    if (sock) {  // a second Connect must not leak the first handle
-        ReleaseStreaming();
-        mysql_close(sock);
-        sock = nullptr;
-    }
-    m_bOpen = false;
-    MysqlPtr handle(mysql_init(nullptr));
-    if (handle) {
-        mysql_options(handle.get(), MYSQL_OPT_CONNECT_TIMEOUT, &kConnectTimeoutSeconds);
-        if (mysql_real_connect(handle.get(), host, user, password, database,
-                               static_cast<unsigned int>(port), nullptr, 0)) {
-            mysql_set_character_set(handle.get(), "utf8");
-            CopyText(m_szHost, host);
-            CopyText(m_szUser, user);
-            CopyText(m_szPass, password);
-            CopyText(m_db, database);
-            m_nPort = port;
-            sock = handle.release();
-            m_bOpen = true;
-        }
+    Detach();  // a second Connect must not leak the first handle
+    sock = dbpool::Open(host, port, user, password, database);
+    m_bOpen = sock != nullptr;
+    if (m_bOpen) {
+        CopyText(m_szHost, host);
+        CopyText(m_szUser, user);
+        CopyText(m_szPass, password);
+        CopyText(m_db, database);
+        m_nPort = port;
+        m_bReusable = true;
     }
     m_unExcude = GetTickCount();
-    metrics::CountDbOperation("connect", m_bOpen);
     return m_bOpen;
+}
+
+bool CMysqlDB::Borrow(const char* host, int port, const char* user, const char* password,
+                      const char* database, int poolSize) {
+    std::lock_guard<std::mutex> lock(m_cs);
+    Detach();
+    m_lease = dbpool::Borrow(host, port, user, password, database, poolSize);
+    sock = m_lease.sock;
+    m_bOpen = sock != nullptr;
+    m_bPooled = m_bOpen;
+    if (m_bOpen) {
+        CopyText(m_szHost, host);
+        CopyText(m_szUser, user);
+        CopyText(m_szPass, password);
+        CopyText(m_db, database);
+        m_nPort = port;
+        m_bReusable = true;
+        m_bSetsInsertId = false;
+    }
+    m_unExcude = GetTickCount();
+    return m_bOpen;
+}
+
+bool CMysqlDB::Note(bool ok) {
+    if (!ok || mysql_errno(sock) != 0 || (sock->server_status & SERVER_SESSION_STATE_CHANGED))
+        m_bReusable = false;
+    return ok;
+}
+
+bool CMysqlDB::PrepareGeneral() {
+    m_bSetsInsertId = true;  // the statement may be any insert, so assume it sets one
+    if (!m_lease.staleInsertId || !m_bPooled) return true;
+    m_lease.staleInsertId = false;
+    return Note(mysql_real_query(sock, kClearLastId, sizeof(kClearLastId) - 1) == 0);
 }
 
 bool CMysqlDB::Execute(char* sql, int64_t& insertId) {
     if (!m_bOpen || !sock || !sql) return false;
     size_t room = std::strlen(sql) + 1;
-    const bool ran = mysql_real_query(sock, sql, room - 1) == 0;
+    const bool ran = PrepareGeneral() && Note(mysql_real_query(sock, sql, room - 1) == 0);
     metrics::CountDbOperation("execute", ran);
     if (!ran) {
         m_unExcude = GetTickCount();
@@ -107,7 +129,7 @@ bool CMysqlDB::Execute(char* sql, int64_t& insertId) {
     DropResult(sock);
     // The statement buffer is reused for the id query on purpose; callers know it.
     std::snprintf(sql, room, "%s", kLastIdQuery);
-    if (mysql_real_query(sock, kLastIdQuery, sizeof(kLastIdQuery) - 1) != 0) return true;
+    if (!Note(mysql_real_query(sock, kLastIdQuery, sizeof(kLastIdQuery) - 1) == 0)) return true;
     ResultPtr res(mysql_use_result(sock));
     if (!res) return true;
     ReadLastId(res.get(), insertId);
@@ -118,18 +140,40 @@ bool CMysqlDB::Execute(char* sql, int64_t& insertId) {
 
 bool CMysqlDB::Execute(const char* sql) {
     if (!m_bOpen || !sock || !sql) return false;
-    bool ok = mysql_real_query(sock, sql, std::strlen(sql)) == 0;
+    bool ok = PrepareGeneral() && Note(mysql_real_query(sock, sql, std::strlen(sql)) == 0);
     metrics::CountDbOperation("execute", ok);
     if (ok) DropResult(sock);
     m_unExcude = GetTickCount();
     return ok;
 }
 
-bool CMysqlDB::OpenRecordSet(const char* sql, MYSQL_RES*& result, int& rowCount,
-                             int& colCount) {
+bool CMysqlDB::ExecuteInsert(const char* sql, int64_t& insertId) {
+    if (!m_bOpen || !sock || !sql) return false;
+    const bool ok = Note(mysql_real_query(sock, sql, std::strlen(sql)) == 0);
+    metrics::CountDbOperation("execute", ok);
+    m_unExcude = GetTickCount();
+    if (!ok) return false;
+    DropResult(sock);
+    // The id a new connection's last_insert_id() would give, narrowed as atoi narrows it.
+    insertId = static_cast<int32_t>(static_cast<uint32_t>(mysql_insert_id(sock)));
+    m_bSetsInsertId = true;
+    m_lease.staleInsertId = false;  // this borrow's own id is what the server holds now
+    return true;
+}
+
+bool CMysqlDB::ExecuteUpdate(const char* sql) {
+    if (!m_bOpen || !sock || !sql) return false;
+    const bool ok = Note(mysql_real_query(sock, sql, std::strlen(sql)) == 0);
+    metrics::CountDbOperation("execute", ok);
+    if (ok) DropResult(sock);
+    m_unExcude = GetTickCount();
+    return ok;
+}
+
+bool CMysqlDB::OpenRecordSet(const char* sql, MYSQL_RES*& result, int& rowCount, int& colCount) {
     if (!sql || !m_bOpen || !sock) return false;
     bool ok = false;
-    if (mysql_real_query(sock, sql, std::strlen(sql)) == 0) {
+    if (PrepareGeneral() && Note(mysql_real_query(sock, sql, std::strlen(sql)) == 0)) {
         if (MYSQL_RES* res = mysql_use_result(sock)) {
             result = res;
             m_pStreaming = res;
@@ -154,16 +198,28 @@ void CMysqlDB::ReleaseStreaming() {
     if (!m_pStreaming) return;
     mysql_free_result(m_pStreaming);  // reads the rows still pending on the wire
     m_pStreaming = nullptr;
+    Note(true);  // the end of the rows carries the final status
+}
+
+void CMysqlDB::Detach() {
+    if (!sock) return;
+    ReleaseStreaming();
+    if (m_bPooled) {
+        const bool inTransaction = (sock->server_status & SERVER_STATUS_IN_TRANS) != 0;
+        m_lease.staleInsertId = m_lease.staleInsertId || m_bSetsInsertId;
+        dbpool::Return(m_lease, m_bReusable && !inTransaction);
+    } else {
+        mysql_close(sock);
+    }
+    sock = nullptr;
+    m_bPooled = false;
+    m_lease = dbpool::Lease{};
 }
 
 void CMysqlDB::Close() {
     {
         std::lock_guard<std::mutex> lock(m_cs);
-        if (sock) {
-            ReleaseStreaming();
-            mysql_close(sock);
-            sock = nullptr;
-        }
+        Detach();
     }
     m_unExcude = 0;
     m_bOpen = false;

@@ -1,4 +1,4 @@
-// Statement helpers: one connection per call, made from the database settings.
+// Statement helpers: one pooled connection per call, made from the database settings.
 #include <cstring>
 #include <memory>
 #include <string>
@@ -57,8 +57,8 @@ void AppendRow(CMysqlRecordSet& rs, const std::vector<std::string>& cols, std::s
 
 bool ConnectDB(CMysqlDB* db) {
     if (!db) return false;
-    return db->Connect(m_cfgCms.szDbAddr, m_cfgCms.szDbPort, m_cfgCms.szDbUser,
-                       m_cfgCms.szDbPass, m_cfgCms.szDbName);
+    return db->Borrow(m_cfgCms.szDbAddr, m_cfgCms.szDbPort, m_cfgCms.szDbUser, m_cfgCms.szDbPass,
+                      m_cfgCms.szDbName, m_cfgCms.nDbPool);
 }
 
 void CloseDB(CMysqlDB* db) {
@@ -123,8 +123,10 @@ void EscapeSql(CMysqlDB* db, const char* in, char* out, size_t outSize) {
         size_t lo = 0, hi = n;
         while (lo < hi) {
             size_t mid = (lo + hi + 1) / 2;
-            if (escapedLength(mid) < outSize) lo = mid;
-            else hi = mid - 1;
+            if (escapedLength(mid) < outSize)
+                lo = mid;
+            else
+                hi = mid - 1;
         }
         keep = lo;
         // Never split a UTF-8 sequence.

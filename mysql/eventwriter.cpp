@@ -61,8 +61,9 @@ int64_t InsertRow(std::mutex& cs, const char* table, bool echo, Build build) {
     char sql[kStatementSize] = {0};
     if (!build(db, sql)) return 0;
     if (echo) std::printf("alarm:%s\n", sql);
+    // The id column is the server's to fill, so the reply's id is the row's.
     int64_t id = 0;
-    if (!db.Execute(sql, id)) return 0;
+    if (!db.ExecuteInsert(sql, id)) return 0;
     metrics::CountRowWritten(table);
     return id;
 }
@@ -197,7 +198,7 @@ bool UpdateNodeStatus(int id, int nodeType, unsigned int status) {
         std::snprintf(sql, sizeof sql, "update %s set status = %d where id = %d", table,
                       static_cast<int>(status), id);
     // An unknown node type runs the empty statement, which the database rejects.
-    const bool ok = db.Execute(sql);
+    const bool ok = db.ExecuteUpdate(sql);
     std::printf("UpdateNodeStatus %s %s\n", sql, ok ? "succ" : "faild");
     return ok;
 }

@@ -1,7 +1,8 @@
 // Event and status writers: every event the server records ends here as one row, written
-// over a connection of its own, plus the readers of the analytics alarm log.
+// over a pooled connection (mysql/dbpool.h) in one round trip, plus the readers of the
+// analytics alarm log.
 //
-// Locks: each log-table family has its own mutex, held across connect, insert and close,
+// Locks: each log-table family has its own mutex, held across borrow, insert and return,
 // so at most one insert per family is in flight while families run in parallel. The
 // status update and the readers take no lock.
 //

@@ -61,6 +61,7 @@ TEST_F(Settings, ShippedFilesDescribeTheEmbeddedSetup) {
     EXPECT_EQ("127.0.0.1:3307 cms cms cms 0",
               std::string(db.szDbAddr) + ":" + std::to_string(db.szDbPort) + " " + db.szDbName +
                   " " + db.szDbUser + " " + db.szDbPass + " " + std::to_string(db.nLocalMode));
+    EXPECT_EQ(16, db.nDbPool);
 
     ASSERT_EQ(1, readfilepath(paths_));
     const char* names[] = {"mcap",   "mrec", "mdown", "tcap",    "trec",
