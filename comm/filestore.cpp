@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdarg>
 #include <cstdint>
@@ -83,6 +84,33 @@ int WriteWhole(const char* path, const char* data, int length) {
     if (!mkdirEx(path)) return 0;
     FilePtr f(fopen(path, "wb"));
     if (!f) return 0;
+    if (length > 0 &&
+        fwrite(data, 1, static_cast<size_t>(length), f.get()) != static_cast<size_t>(length)) {
+        return 0;
+    }
+    return fclose(f.release()) == 0 ? 1 : 0;
+}
+
+// Writes "<dir>/<n>.jpg" for the first number n from `first` up that is still free. The
+// file is created exclusively, so two concurrent saves never pick the same number: the
+// one that loses the race takes the next.
+int WriteNewPicture(const char* dir, int first, const char* data, int length) {
+    constexpr int kMaxClashes = 1000;
+    char path[kPathSize];
+    int fd = -1;
+    for (long long n = first; fd < 0 && n < first + kMaxClashes && n <= INT_MAX; ++n) {
+        if (!FormatPath(path, "%s/%lld.jpg", dir, n)) return 0;
+        if (n == first && !mkdirEx(path)) return 0;
+        fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (fd < 0 && errno != EEXIST) return 0;
+    }
+    if (fd < 0) return 0;
+    printf("save file %s\n", path);
+    FilePtr f(fdopen(fd, "wb"));
+    if (!f) {
+        close(fd);
+        return 0;
+    }
     if (length > 0 &&
         fwrite(data, 1, static_cast<size_t>(length), f.get()) != static_cast<size_t>(length)) {
         return 0;
@@ -174,15 +202,15 @@ int SaveFileEx2(int type, int id, int pos, const char* data, int length) {
     return SaveToArea(GetPathFromType(type), id, pos, data, length);
 }
 
-int GetFileEx(int type, int id, int pos, char*& buffer, int& length) {
+int GetFileEx(int type, int id, int pos, char*& buffer, int& length, int maxLength) {
     const _file_path* area = GetPathFromType(type);
     if (!area) return 0;
     AreaRoot root(*area);
     switch (area->mode) {
         case 0:
-            return GetPathFile(root.text, id, buffer, length);
+            return GetPathFile(root.text, id, buffer, length, maxLength);
         case 1:
-            return GetPathFileEx(root.text, id, buffer, length);
+            return GetPathFileEx(root.text, id, buffer, length, maxLength);
         default:
             return 0;
     }
@@ -210,7 +238,8 @@ int SavePathFile(const char* root, int id, int pos, const char* data, int length
     char dir[kPathSize];
     if (!FormatPath(dir, "%s/%d", root, id)) return 0;
     // 255 asks for the next free number rather than a fixed one.
-    int number = pos == 255 ? GetFilePos(dir) : pos;
+    if (pos == 255) return WriteNewPicture(dir, GetFilePos(dir), data, length);
+    const int number = pos;
     char path[kPathSize];
     if (!FormatPath(path, "%s/%d.jpg", dir, number)) return 0;
     return WriteWhole(path, data, length);
@@ -230,7 +259,7 @@ int GetFilePos(const char* directory) {
     return static_cast<int>(std::min<long long>(largest + 1, INT_MAX));
 }
 
-int GetPathFile(const char* root, int id, char*& buffer, int& length) {
+int GetPathFile(const char* root, int id, char*& buffer, int& length, int maxLength) {
     if (!root || strlen(root) <= 3 || id == 0) return 0;
     size_t n = strlen(root);
     if (root[n - 1] == '/') --n;
@@ -240,7 +269,7 @@ int GetPathFile(const char* root, int id, char*& buffer, int& length) {
     if (!f) return 0;
     struct stat st {};
     if (fstat(fileno(f.get()), &st) != 0 || !S_ISREG(st.st_mode)) return 0;
-    if (st.st_size > INT_MAX - kHeadSize) return 0;
+    if (st.st_size > static_cast<int64_t>(maxLength) - kHeadSize) return 0;
     char* out = new (std::nothrow) char[kHeadSize + st.st_size]();
     if (!out) return 0;
     int got = ReadInto(f.get(), out + kHeadSize, st.st_size);
@@ -253,7 +282,7 @@ int GetPathFile(const char* root, int id, char*& buffer, int& length) {
     return 1;
 }
 
-int GetPathFileEx(const char* root, int id, char*& buffer, int& length) {
+int GetPathFileEx(const char* root, int id, char*& buffer, int& length, int maxLength) {
     if (!root || id == 0) return 0;
     char path[kPathSize];
     if (!FormatPath(path, "%s/%d", root, id)) return 0;
@@ -263,7 +292,7 @@ int GetPathFileEx(const char* root, int id, char*& buffer, int& length) {
     int count = ListPictures(dir.get(), pics);
     int64_t total = kHeadSize;
     for (int i = 0; i < count; ++i) total += pics[i].size;
-    if (total > INT_MAX) return 0;
+    if (total > maxLength) return 0;
     std::unique_ptr<char[]> out(new (std::nothrow) char[total]());
     if (!out) return 0;
     _msg_image_head_ex head{};

@@ -10,6 +10,7 @@
 // truncated, so a long root can never make a write land on some other file.
 #pragma once
 
+#include <climits>
 #include <cstddef>
 
 #include "comm/settings.h"
@@ -30,15 +31,17 @@ _file_path* GetPathFromType(int type);
 
 // ---- Object operations by area ----
 // Store `length` bytes as object `id` of the area; `pos` picks the picture number in a
-// mode-1 area (255: the next free number) and is ignored in mode 0. 1 on success; 0 when the
+// mode-1 area (255: the next free number, created exclusively so that concurrent saves
+// never share one) and is ignored in mode 0. 1 on success; 0 when the
 // area is missing, its mode is unknown or writing fails.
 int SaveFileEx(const char* name, int id, int pos, const char* data, int length);
 int SaveFileEx2(int type, int id, int pos, const char* data, int length);
 
 // Read object `id` of the area of `type` as a packed result: the 64-byte header followed by
 // the pictures. On 1, `buffer` is a new[] allocation the caller delete[]s and `length` its
-// size. `pos` is not used. 0 (and `buffer` untouched or null) on failure.
-int GetFileEx(int type, int id, int pos, char*& buffer, int& length);
+// size. `pos` is not used. 0 (and `buffer` untouched or null) on failure, and when the
+// result would be longer than `maxLength` (checked from the file sizes, before reading).
+int GetFileEx(int type, int id, int pos, char*& buffer, int& length, int maxLength = INT_MAX);
 
 // Remove object `id`: mode 0 returns 1 only when the file was removed; mode 1 removes the
 // picture directory with everything in it. 0 when the area is missing or of unknown mode.
@@ -49,10 +52,10 @@ int SaveFile(const char* root, int id, const char* data, int length);           
 int SavePathFile(const char* root, int id, int pos, const char* data, int length);  // mode 1
 // Mode 0: root longer than 3 characters and id non-zero; one trailing '/' of the root is
 // ignored. Buffer ownership as for GetFileEx.
-int GetPathFile(const char* root, int id, char*& buffer, int& length);
+int GetPathFile(const char* root, int id, char*& buffer, int& length, int maxLength = INT_MAX);
 // Mode 1: at most 8 regular files of "<root>/<id>", opened inside that directory, in
 // directory order. 0 and a null buffer when none could be read.
-int GetPathFileEx(const char* root, int id, char*& buffer, int& length);
+int GetPathFileEx(const char* root, int id, char*& buffer, int& length, int maxLength = INT_MAX);
 int DeleteFile(const char* root, int id);          // removes "<root>/<id>"; always 1
 int DeletePathFile(const char* root, int number);  // removes "<root>/<number>.jpg"; always 1
 // Next free picture number of a directory: 1 + the largest leading number of the names of

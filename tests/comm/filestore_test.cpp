@@ -7,7 +7,10 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "comm/globle.h"
 #include "support/daemon.h"
@@ -85,6 +88,43 @@ TEST_F(FileStoreTest, PictureNumbersFollowTheLargest) {
     for (int n : {255, 255, 12, 7}) ASSERT_EQ(SaveFileEx2(2, 5, n, "a", 1), 1);
     mkdir((dir + "/99.d").c_str(), 0755);  // not a regular file
     EXPECT_EQ(GetFilePos(dir.c_str()), 13);
+}
+
+TEST_F(FileStoreTest, ConcurrentNextNumberSavesNeverShareANumberInPrivateDirectories) {
+    constexpr int kThreads = 8, kEach = 25;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([t] {
+            for (int i = 0; i < kEach; ++i) {
+                const std::string body = std::to_string(t * kEach + i);
+                EXPECT_EQ(SaveFileEx("face", 6, 255, body.data(), int(body.size())), 1);
+            }
+        });
+    for (std::thread& th : threads) th.join();
+    std::set<std::string> bodies;
+    for (const auto& e : std::filesystem::directory_iterator(dir_.File("Face/6")))
+        bodies.insert(cmstest::ReadFile(e.path()));
+    EXPECT_EQ(size_t(kThreads * kEach), bodies.size());
+    for (const char* made : {"Face", "Face/6"}) {
+        struct stat st {};
+        ASSERT_EQ(0, stat(dir_.File(made).c_str(), &st));
+        EXPECT_EQ(0700u, st.st_mode & 0777) << made;
+    }
+}
+
+TEST_F(FileStoreTest, ReadsLongerThanTheLimitAreRefusedBeforeReading) {
+    ASSERT_EQ(SaveFileEx2(1, 8, 0, "12345", 5), 1);
+    ASSERT_EQ(SaveFileEx2(2, 8, 1, "123", 3), 1);
+    ASSERT_EQ(SaveFileEx2(2, 8, 2, "45", 2), 1);
+    for (int type : {1, 2}) {
+        char* buf = nullptr;
+        int len = 0;
+        EXPECT_EQ(1, GetFileEx(type, 8, 0, buf, len, 64 + 5));
+        delete[] buf;
+        buf = nullptr;
+        EXPECT_EQ(0, GetFileEx(type, 8, 0, buf, len, 64 + 4)) << type;
+        EXPECT_EQ(nullptr, buf);
+    }
 }
 
 TEST_F(FileStoreTest, PicturesArePackedFromTheirOwnDirectory) {
