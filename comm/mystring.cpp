@@ -42,6 +42,10 @@ struct IconvCloser {
 };
 using IconvHandle = std::unique_ptr<std::remove_pointer_t<iconv_t>, IconvCloser>;
 
+// Devices send GBK text, which GB2312 cannot hold (a name with "堃" would stop there);
+// GB18030 is a superset of both, so GB2312 text converts exactly as before.
+constexpr char kDeviceCharset[] = "GB18030";
+
 enum class ConvertResult { kOpenFailed, kFailed, kOk };
 
 ConvertResult Convert(const char* to, const char* from, const char* in, int length, char* out,
@@ -184,10 +188,10 @@ int _get_valuefromstring_v1(const char* text, const char* open, const char* clos
 }
 
 int UTF8ToCHAR(const char* in, int length, char* out, int& outLeft) {
-    return Convert("gb2312", "utf-8", in, length, out, outLeft) == ConvertResult::kOk ? 1 : 0;
+    return Convert(kDeviceCharset, "utf-8", in, length, out, outLeft) == ConvertResult::kOk ? 1 : 0;
 }
 
 int CHARToUTF8(const char* in, int length, char* out, int& outLeft) {
     // Unlike its sibling, a converter that cannot be opened counts as success.
-    return Convert("utf-8", "gb2312", in, length, out, outLeft) == ConvertResult::kFailed ? 0 : 1;
+    return Convert("utf-8", kDeviceCharset, in, length, out, outLeft) == ConvertResult::kFailed ? 0 : 1;
 }

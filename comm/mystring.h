@@ -30,8 +30,7 @@ int _get_value(const char* text, const char* key, char* out, size_t outSize);
 // Splits `text` at its first "=": `name` receives the part up to and including the "="
 // (deliberately keeping it), `value` the rest. 0 when there is no "=".
 int get_field_value(const char* text, char* name, char* value);
-int get_field_value(const char* text, char* name, size_t nameSize, char* value,
-                    size_t valueSize);
+int get_field_value(const char* text, char* name, size_t nameSize, char* value, size_t valueSize);
 
 // The bytes between the first `open` and the first `close` of `text`, copied without a
 // terminator (zero `out` first). At most outSize-1 bytes are copied. 1 when both tags are
@@ -47,14 +46,13 @@ int _get_valuefromstring(const char* text, const char* open, const char* close, 
     return _get_valuefromstring(text, open, close, out, N);
 }
 template <size_t N>
-int _get_valuefromstring_v1(const char* text, const char* open, const char* close,
-                            char (&out)[N]) {
+int _get_valuefromstring_v1(const char* text, const char* open, const char* close, char (&out)[N]) {
     return _get_valuefromstring_v1(text, open, close, out, N);
 }
 
-// UTF-8 <-> GB2312 through iconv. `out` holds at least `length` bytes and is zeroed over
-// that many; the conversion may use at most `length` bytes of output or fails as a whole.
-// outLeft receives the output space left over (not the bytes written). 1 on success.
-// CHARToUTF8 returns 1 when the converter cannot be opened (kept as its callers expect).
+// UTF-8 <-> GB18030 (a superset of GB2312 and GBK) through iconv. `out` holds at least `length`
+// bytes and is zeroed over that many; the conversion may use at most `length` bytes of output or
+// fails as a whole. outLeft receives the output space left over (not the bytes written). 1 on
+// success. CHARToUTF8 returns 1 when the converter cannot be opened (kept as its callers expect).
 int UTF8ToCHAR(const char* in, int length, char* out, int& outLeft);
 int CHARToUTF8(const char* in, int length, char* out, int& outLeft);

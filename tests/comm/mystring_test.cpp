@@ -94,4 +94,21 @@ TEST(StringCharset, BothWaysReportSpaceLeftAndPaddedNamesConvert) {
     EXPECT_STREQ(kUtf8Zhongwen, utf8);
 }
 
+TEST(StringCharset, GbkCharactersOutsideGb2312ConvertWhole) {
+    // "东门堃摄像机": the third character exists in GBK only.
+    const char gbk[] = "\xb6\xab\xc3\xc5\x88\xd2\xc9\xe3\xcf\xf1\xbb\xfa";
+    const char utf8[] = "\xe4\xb8\x9c\xe9\x97\xa8\xe5\xa0\x83\xe6\x91\x84\xe5\x83\x8f\xe6\x9c\xba";
+    char name[32] = {}, out[32];
+    int left = 0;
+    std::memcpy(name, gbk, sizeof gbk - 1);
+    CHARToUTF8(name, sizeof name, out, left);
+    EXPECT_STREQ(utf8, out);
+    CHARToUTF8(name + 4, sizeof name - 4, out, left);  // starting with that character
+    EXPECT_STREQ(utf8 + 6, out);
+    char padded[32] = {}, back[32];
+    std::memcpy(padded, utf8, sizeof utf8);
+    UTF8ToCHAR(padded, sizeof padded, back, left);
+    EXPECT_STREQ(gbk, back);
+}
+
 }  // namespace
