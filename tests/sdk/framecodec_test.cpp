@@ -100,18 +100,25 @@ TEST(FrameDecoder, OverlongOrCorruptedLengthsBreakTheStream) {
 
 TEST(MessageCodec, EncodesRepliesDeliversMessagesAndReportsABrokenStream) {
     vorn::MessageCodec codec;
-    Bytes state, data, empty, refused;
+    vorn::OutFrame state, data, empty, large;
+    auto wire = [](const vorn::OutFrame& f) { return Concat({f.head, f.body}); };
     ASSERT_TRUE(codec.EncodeState(0x01020304, state));
-    EXPECT_EQ(state, (Bytes{16, 0, 0, 0, 17, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 4, 3, 2, 1}));
+    EXPECT_EQ(wire(state), (Bytes{16, 0, 0, 0, 17, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 4, 3, 2, 1}));
     const uint8_t payload[] = {0xAA, 0xBB, 0xCC};
     ASSERT_TRUE(codec.EncodeData(payload, sizeof payload, data));
-    EXPECT_EQ(data, (Bytes{15, 0, 0, 0, 17, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xAA, 0xBB, 0xCC}));
+    EXPECT_EQ(wire(data),
+              (Bytes{15, 0, 0, 0, 17, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xAA, 0xBB, 0xCC}));
     ASSERT_TRUE(codec.EncodeData(nullptr, 0, empty));
-    EXPECT_EQ(empty.size(), 16u);
-    // A body that would not fit a frame is refused, not truncated.
-    Bytes huge(vorn::kMaxFrameLength - vorn::kMsgHeadSize + 1);
-    EXPECT_FALSE(codec.EncodeData(huge.data(), huge.size(), refused));
-    EXPECT_TRUE(refused.empty());
+    EXPECT_EQ(empty.Size(), 16u);
+    // Replies are not held to the limit of incoming frames, only to the length field.
+    Bytes beyond(vorn::kMaxFrameLength + 1, 7);
+    ASSERT_TRUE(codec.EncodeData(beyond.data(), beyond.size(), large));
+    EXPECT_EQ(large.body, beyond);
+    EXPECT_EQ(vorn::GetLe32(large.head.data()), vorn::kMaxFrameLength + 13);
+    uint8_t head[vorn::kResultHeadSize];
+    EXPECT_TRUE(vorn::PutResultHead(head, 1, vorn::kMaxReplyFrameLength - vorn::kMsgHeadSize));
+    EXPECT_EQ(vorn::GetLe32(head), 0xFFFFFFFFu);
+    EXPECT_FALSE(vorn::PutResultHead(head, 1, vorn::kMaxReplyFrameLength - vorn::kMsgHeadSize + 1));
 
     std::vector<std::string> got;
     auto sink = [&](Bytes&& message) { got.emplace_back(message.begin(), message.end()); };

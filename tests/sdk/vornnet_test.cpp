@@ -217,13 +217,16 @@ TEST_F(VornNetTest, BrokenClientsAreDroppedAndReportedOnce) {
 }
 
 TEST_F(VornNetTest, KillsFlushFirstAndDelayedOnesBlockNobody) {
-    const std::string big(3 * 1024 * 1024, 'q');
+    // Larger than an incoming frame may be and than the queued-output cap: a single reply
+    // is still taken whole, and a reply queued behind it too.
+    const std::string big(65 * 1024 * 1024, 'q');
     std::atomic<long long> callbackMicros{0};
     m_rec.onMessage = [&](int client, const std::string& payload) {
         auto start = Clock::now();
         if (payload == "big") {
             VornServerSendData(client, reinterpret_cast<const unsigned char*>(big.data()),
                                static_cast<int>(big.size()));
+            VornServerSendState(client, 7);
             VornServerKillClient(client);
             VornServerSendState(client, 1);  // after the kill: must not reach the client
             return;
@@ -237,7 +240,9 @@ TEST_F(VornNetTest, KillsFlushFirstAndDelayedOnesBlockNobody) {
     for (CmsClient* client : {&bigOne, &oneShot, &other}) ASSERT_TRUE(Connect(*client));
     Reply reply;
     ASSERT_TRUE(bigOne.Request(Head(20), "big", reply));
-    EXPECT_EQ(reply.data.size(), big.size());
+    EXPECT_TRUE(std::string(reply.data.begin(), reply.data.end()) == big);
+    ASSERT_EQ(bigOne.ReadReply(reply), CmsClient::ReadResult::kReply);
+    EXPECT_EQ(reply.state, 7);
     EXPECT_TRUE(bigOne.WaitClosed(2000));
 
     auto start = Clock::now();

@@ -23,12 +23,13 @@ public:
     // Writes bytes as they are (for tests that need broken frames).
     bool WriteRaw(const void* data, size_t n, int timeoutMs);
     // Waits up to `timeoutMs` for the next frame body. kBroken: the peer announced a
-    // frame over the limit; the stream is lost.
+    // frame over the limit (a server reply may use the whole 32-bit length); the stream
+    // is lost.
     Result ReadFrame(std::vector<uint8_t>& body, int timeoutMs);
 
 private:
     int m_fd;
-    vorn::FrameDecoder m_decoder;
+    vorn::FrameDecoder m_decoder{vorn::kMaxReplyFrameLength};
 };
 
 }  // namespace cmsclient

@@ -8,8 +8,10 @@
 // A client's frame body is one message: the 12-byte header (type, sub-code, second
 // sub-code, padding, two 32-bit ids) followed by its payload. A server frame body is a
 // message of type 17 whose sub-code tells a state reply (0, payload: the 32-bit state)
-// from a data reply (1, payload: the bytes sent). Bodies above kMaxFrameLength break the
-// stream; zero-length frames are skipped (a peer may use them as keep-alives).
+// from a data reply (1, payload: the bytes sent). Client bodies above kMaxFrameLength break
+// the stream; server bodies may be as long as the 32-bit length allows (a whole catalogue
+// list runs to hundreds of megabytes). Zero-length frames are skipped (a peer may use
+// them as keep-alives).
 // docs/protocol.md has worked examples.
 #pragma once
 
@@ -21,7 +23,9 @@ namespace vorn {
 
 constexpr size_t kFrameLengthBytes = 4;
 constexpr uint32_t kMaxFrameLength = 16u * 1024 * 1024;
+constexpr uint32_t kMaxReplyFrameLength = 0xFFFFFFFFu;
 constexpr size_t kMsgHeadSize = 12;
+constexpr size_t kResultHeadSize = kFrameLengthBytes + kMsgHeadSize;
 constexpr uint8_t kMsgTypeResult = 17;  // CMS_MSG_RESULT
 constexpr uint8_t kResultState = 0;
 constexpr uint8_t kResultData = 1;
@@ -41,9 +45,9 @@ inline uint32_t GetLe32(const uint8_t* p) {
 // Appends one frame carrying `n` bytes to `out`; false (out unchanged) above the limit.
 bool AppendFrame(std::vector<uint8_t>& out, const uint8_t* body, size_t n);
 
-// Appends the frame of a server reply: a type-17 header with `subCode`, then `payload`.
-bool AppendResultFrame(std::vector<uint8_t>& out, uint8_t subCode, const uint8_t* payload,
-                       size_t n);
+// Writes what precedes the payload of a server reply: the frame length and a type-17
+// header with `subCode`. False when a payload of `n` bytes cannot be carried.
+bool PutResultHead(uint8_t (&head)[kResultHeadSize], uint8_t subCode, size_t n);
 
 // Cuts a byte stream into frame bodies. Feed it whatever arrived with Append, then call
 // Next until it stops returning kFrame. Nothing is allocated for a frame before its

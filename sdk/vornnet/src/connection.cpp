@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <limits>
 
 #include "engine.h"
 #include "listener.h"
@@ -12,7 +13,9 @@ namespace {
 
 thread_local bool t_inCallback = false;
 
-// Replies waiting for a client that does not read; beyond this the client is dropped.
+// Replies waiting behind the one being written, for a client that does not read; beyond
+// this the client is dropped. A reply that finds nothing waiting is always taken, however
+// large, so one big answer never costs the client its connection.
 constexpr size_t kMaxQueuedOutput = 64u * 1024 * 1024;
 // Reading pauses at the high marks of undelivered messages and resumes at the low ones.
 constexpr size_t kBacklogHighCount = 256;
@@ -63,27 +66,27 @@ void Connection::Start() {
 }
 
 bool Connection::SendState(int state) {
-    std::vector<uint8_t> bytes;
-    if (!m_codec->EncodeState(state, bytes)) return false;
-    Queue(std::move(bytes));
+    OutFrame frame;
+    if (!m_codec->EncodeState(state, frame)) return false;
+    Queue(std::move(frame));
     return true;
 }
 
 bool Connection::SendData(const uint8_t* data, size_t n) {
-    std::vector<uint8_t> bytes;
-    if (!m_codec->EncodeData(data, n, bytes)) return false;
-    Queue(std::move(bytes));
+    OutFrame frame;
+    if (!m_codec->EncodeData(data, n, frame)) return false;
+    Queue(std::move(frame));
     return true;
 }
 
 void Connection::SendRaw(const uint8_t* data, size_t n) {
-    if (n > 0) Queue(std::vector<uint8_t>(data, data + n));
+    if (n > 0) Queue(OutFrame{{}, std::vector<uint8_t>(data, data + n)});
 }
 
-void Connection::Queue(std::vector<uint8_t> bytes) {
+void Connection::Queue(OutFrame frame) {
     asio::post(m_socket.get_executor(),
-               [self = shared_from_this(), bytes = std::move(bytes)]() mutable {
-                   self->Enqueue(std::move(bytes));
+               [self = shared_from_this(), frame = std::move(frame)]() mutable {
+                   self->Enqueue(std::move(frame));
                });
 }
 
@@ -167,7 +170,7 @@ void Connection::Refuse() {
         return;
     }
     printf("vornnet: client %d (%s): %s\n", m_id, m_peerAddr.c_str(), m_codec->Error().c_str());
-    Enqueue(std::vector<uint8_t>(reply.begin(), reply.end()));
+    Enqueue(OutFrame{{}, std::vector<uint8_t>(reply.begin(), reply.end())});
     m_draining = true;
     RequestClose(0);
     DoRead();
@@ -245,21 +248,30 @@ void Connection::OnIdleTimer(const std::error_code& ec) {
 
 // ---- writing and closing ----
 
-void Connection::Enqueue(std::vector<uint8_t>&& bytes) {
+void Connection::Enqueue(OutFrame&& frame) {
     if (m_closed || m_closing) return;
-    if (m_outBytes + bytes.size() > kMaxQueuedOutput) {
+    const size_t waiting = m_outQueue.empty() ? 0 : m_outBytes - m_outQueue.front().Size();
+    if (waiting > 0 && waiting + frame.Size() > kMaxQueuedOutput) {
         CloseNow("client does not read its replies");
         return;
     }
-    m_outBytes += bytes.size();
-    m_outQueue.push_back(std::move(bytes));
+    m_outBytes += frame.Size();
+    m_outQueue.push_back(std::move(frame));
     if (!m_writing) DoWrite();
 }
 
 void Connection::DoWrite() {
     m_writing = true;
+    const OutFrame& front = m_outQueue.front();
+    const std::array<asio::const_buffer, 2> parts{asio::buffer(front.head),
+                                                  asio::buffer(front.body)};
+    // Each write takes as much as the socket will, instead of asio's 64 KiB steps: a large
+    // reply then costs a few system calls per socket buffer rather than one per step.
+    auto asMuchAsFits = [](const std::error_code& ec, size_t) -> size_t {
+        return ec ? 0 : std::numeric_limits<size_t>::max();
+    };
     asio::async_write(
-        m_socket, asio::buffer(m_outQueue.front()),
+        m_socket, parts, asMuchAsFits,
         [self = shared_from_this()](const std::error_code& ec, size_t) { self->OnWrite(ec); });
 }
 
@@ -269,7 +281,7 @@ void Connection::OnWrite(const std::error_code& ec) {
         CloseNow(nullptr);
         return;
     }
-    m_outBytes -= m_outQueue.front().size();
+    m_outBytes -= m_outQueue.front().Size();
     m_outQueue.pop_front();
     if (!m_outQueue.empty()) {
         DoWrite();

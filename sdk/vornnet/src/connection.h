@@ -57,7 +57,7 @@ public:
     const std::string& LocalAddr() const { return m_localAddr; }
 
 private:
-    void Queue(std::vector<uint8_t> bytes);
+    void Queue(OutFrame frame);
     // On the socket's strand:
     void DoRead();
     void OnRead(const std::error_code& ec, size_t n);
@@ -68,7 +68,7 @@ private:
     bool PauseForBacklog();
     void TouchIdleTimer();
     void OnIdleTimer(const std::error_code& ec);
-    void Enqueue(std::vector<uint8_t>&& bytes);
+    void Enqueue(OutFrame&& frame);
     void DoWrite();
     void OnWrite(const std::error_code& ec);
     void RequestClose(int delayMs);
@@ -99,8 +99,8 @@ private:
     std::array<uint8_t, 64 * 1024> m_readBuffer;
     std::chrono::steady_clock::time_point m_lastRead;
     bool m_idleArmed = false;
-    std::deque<std::vector<uint8_t>> m_outQueue;  // front is being written while m_writing
-    size_t m_outBytes = 0;
+    std::deque<OutFrame> m_outQueue;  // front is being written while m_writing
+    size_t m_outBytes = 0;            // bytes of every frame in m_outQueue
     bool m_writing = false;
     bool m_closing = false;  // a kill was requested
     int m_closeDelayMs = 0;

@@ -17,16 +17,15 @@ bool AppendFrame(std::vector<uint8_t>& out, const uint8_t* body, size_t n) {
     return true;
 }
 
-bool AppendResultFrame(std::vector<uint8_t>& out, uint8_t subCode, const uint8_t* payload,
-                       size_t n) {
-    if (n > kMaxFrameLength - kMsgHeadSize) return false;
+bool PutResultHead(uint8_t (&head)[kResultHeadSize], uint8_t subCode, size_t n) {
+    if (n > kMaxReplyFrameLength - kMsgHeadSize) return false;
     // Type, sub-code, second sub-code, padding and both ids: only the first two mean
     // anything in a reply, the rest stay zero.
-    std::vector<uint8_t> body(kMsgHeadSize + n, 0);
-    body[0] = kMsgTypeResult;
-    body[1] = subCode;
-    if (n > 0) std::copy(payload, payload + n, body.begin() + kMsgHeadSize);
-    return AppendFrame(out, body.data(), body.size());
+    std::fill(std::begin(head), std::end(head), 0);
+    PutLe32(head, static_cast<uint32_t>(kMsgHeadSize + n));
+    head[kFrameLengthBytes] = kMsgTypeResult;
+    head[kFrameLengthBytes + 1] = subCode;
+    return true;
 }
 
 void FrameDecoder::Append(const uint8_t* data, size_t n) {
@@ -91,14 +90,22 @@ bool MessageCodec::Consume(const uint8_t* data, size_t n, const Sink& sink) {
     }
 }
 
-bool MessageCodec::EncodeState(int state, std::vector<uint8_t>& out) const {
+bool MessageCodec::EncodeState(int state, OutFrame& out) const {
     uint8_t payload[4];
     PutLe32(payload, static_cast<uint32_t>(state));
-    return AppendResultFrame(out, kResultState, payload, sizeof payload);
+    return EncodeData(payload, sizeof payload, out, kResultState);
 }
 
-bool MessageCodec::EncodeData(const uint8_t* data, size_t n, std::vector<uint8_t>& out) const {
-    return AppendResultFrame(out, kResultData, data, n);
+bool MessageCodec::EncodeData(const uint8_t* data, size_t n, OutFrame& out) const {
+    return EncodeData(data, n, out, kResultData);
+}
+
+bool MessageCodec::EncodeData(const uint8_t* data, size_t n, OutFrame& out, uint8_t subCode) const {
+    uint8_t head[kResultHeadSize];
+    if (!PutResultHead(head, subCode, n)) return false;
+    out.head.assign(std::begin(head), std::end(head));
+    out.body.assign(data, data + n);
+    return true;
 }
 
 namespace {

@@ -14,6 +14,14 @@
 
 namespace vorn {
 
+// One encoded reply: a small head and the body behind it, written in one gather write so
+// that a large body is copied once, from the caller into `body`, and never again.
+struct OutFrame {
+    std::vector<uint8_t> head;
+    std::vector<uint8_t> body;
+    size_t Size() const { return head.size() + body.size(); }
+};
+
 class Codec {
 public:
     using Sink = std::function<void(std::vector<uint8_t>&&)>;
@@ -32,8 +40,8 @@ public:
 
     // Reply encodings; they keep no state, so any thread may call them. False when the
     // reply cannot be carried (too large).
-    virtual bool EncodeState(int state, std::vector<uint8_t>& out) const = 0;
-    virtual bool EncodeData(const uint8_t* data, size_t n, std::vector<uint8_t>& out) const = 0;
+    virtual bool EncodeState(int state, OutFrame& out) const = 0;
+    virtual bool EncodeData(const uint8_t* data, size_t n, OutFrame& out) const = 0;
 };
 
 // Message mode: length-prefixed frames, one message each (see VornFrame.h).
@@ -42,10 +50,12 @@ public:
     bool Consume(const uint8_t* data, size_t n, const Sink& sink) override;
     bool HasPartial() const override { return m_decoder.HasPartial(); }
     const std::string& Error() const override { return m_error; }
-    bool EncodeState(int state, std::vector<uint8_t>& out) const override;
-    bool EncodeData(const uint8_t* data, size_t n, std::vector<uint8_t>& out) const override;
+    bool EncodeState(int state, OutFrame& out) const override;
+    bool EncodeData(const uint8_t* data, size_t n, OutFrame& out) const override;
 
 private:
+    bool EncodeData(const uint8_t* data, size_t n, OutFrame& out, uint8_t subCode) const;
+
     FrameDecoder m_decoder;
     std::string m_error;
 };

@@ -232,8 +232,8 @@ std::string HttpCodec::ErrorReply() const {
     return reply;
 }
 
-bool HttpCodec::EncodeData(const uint8_t* data, size_t n, std::vector<uint8_t>& out) const {
-    out.insert(out.end(), data, data + n);
+bool HttpCodec::EncodeData(const uint8_t* data, size_t n, OutFrame& out) const {
+    out.body.assign(data, data + n);
     return true;
 }
 

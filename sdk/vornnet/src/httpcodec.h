@@ -44,8 +44,8 @@ public:
     const std::string& Error() const override { return m_error; }
     std::string ErrorReply() const override;
     // HTTP has no state replies; data goes out as it is.
-    bool EncodeState(int, std::vector<uint8_t>&) const override { return false; }
-    bool EncodeData(const uint8_t* data, size_t n, std::vector<uint8_t>& out) const override;
+    bool EncodeState(int, OutFrame&) const override { return false; }
+    bool EncodeData(const uint8_t* data, size_t n, OutFrame& out) const override;
 
     // The status of a refused request, 0 while none.
     int Status() const { return m_status; }
