@@ -112,6 +112,7 @@ CCMSSvrDlg::~CCMSSvrDlg() {
     MessageProcessRun(false);
     LocalIntvProcessRun(false);
     RunMessageServer(false);
+    m_clientWork.Drain();  // work of messages handed in directly, without a listener
     RunHttpServer(false);
     StopMediaJobs();
     destroy_assign_player();
@@ -211,6 +212,8 @@ void CCMSSvrDlg::RunMessageServer(bool start) {
         printf("Start server port:%d\n", m_cfgLocalParam.nPort);
     } else if (m_nServerID != -1) {
         VornStopServer(m_nServerID);
+        // What the clients queued still runs; nothing of it may meet a reload.
+        m_clientWork.Drain();
         m_nServerID = -1;
         printf("Stop server port:%d\n", m_cfgLocalParam.nPort);
     }

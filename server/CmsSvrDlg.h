@@ -9,6 +9,8 @@
 #include <mutex>
 #include <thread>
 
+#include "server/CmsSvrDlg_queue.h"
+
 class CQue;
 class CMysqlDB;
 struct _msg_domain_info;
@@ -59,6 +61,8 @@ public:
     static void MessageCallBack(int clientId, unsigned char* data, int length, CCMSSvrDlg* self);
     static void HttpCallBack(int clientId, unsigned char* data, int length, CCMSSvrDlg* self);
     static int SetClientStopBySession(unsigned int session, int type);
+    // Where message work that may block runs, one queue per client (see CmsSvrDlg_queue.h).
+    ClientQueues& ClientWork() { return m_clientWork; }
 
     // ---- HTTP commands (server/CmsSvrDlg_http.cpp) ----
     // Runs one parsed command and fills its `session` for a started recording. False for a
@@ -107,4 +111,7 @@ private:
     std::thread m_msgThread;   // maintenance thread
     std::mutex m_msgWaitLock;  // with m_msgWake: cuts its pause short on stop
     std::condition_variable m_msgWake;
+    // Blocking message work; drained whenever the message server stops. Threads: enough
+    // that sub-servers that do not answer (10 s each) leave room for database work.
+    ClientQueues m_clientWork{32};
 };

@@ -4,11 +4,14 @@
 
 #include <cstddef>
 #include <cstring>
+#include <functional>
+#include <string>
 
 #include "comm/msgdefine.h"
 
 class CCMSSvrDlg;
 class CMysqlDB;
+struct _hcrecord_Info;
 
 namespace cmsmsg {
 
@@ -19,7 +22,13 @@ struct MsgContext {
     _msg_head_info head;           // copied out of the message
     const unsigned char* payload;  // the bytes after the header (owned by the caller)
     int length;                    // payload bytes, >= 0
+    bool onWorker;                 // running on the client's queue (ClientQueues)
 };
+
+// Runs `work` in the client's order: at once when already on the client's queue, else
+// queued behind whatever that client has queued. For the blocking part of a handler that
+// runs on a listener thread.
+void RunInOrder(const MsgContext& m, std::function<void()> work);
 
 // ---- Handlers of the dispatch table (login and push units) ----
 void OnLogin(const MsgContext& m);
@@ -30,10 +39,35 @@ void OnPushData(const MsgContext& m);
 // line. Database I/O: call without holding csCatalog.
 void ReportBackOnline(int id, int nodeType, unsigned int status);
 
-// Marks the device with `serial` as logged in on `clientId` and clears its off-line flag
-// (under the catalogue write lock), then writes the status change. False when no such device
-// is in the catalogue. `name` (when given, `nameSize` bytes) receives the device's name.
-bool LoginDevice(const char* serial, int clientId, char* name = nullptr, size_t nameSize = 0);
+// What a device login changed, copied out of the catalogue.
+struct DeviceLogin {
+    int id = 0;
+    unsigned int status = 0;
+    bool backOnline = false;  // its off-line flag was set and has been cleared
+    char name[64] = {};
+};
+
+// Marks device `d` (or, when null, the device with `serial`) as logged in on `clientId` and
+// clears its off-line flag, under the catalogue write lock; writes nothing to the database.
+// False when there is no such device.
+bool TakeDeviceLogin(const char* serial, _hcrecord_Info* d, int clientId, DeviceLogin& out);
+// TakeDeviceLogin by serial, then the status change (ReportBackOnline) when there was one.
+bool LoginDevice(const char* serial, int clientId);
+
+// Held while a node is looked up and, when missing, fetched or added by serial: another
+// holder of the same serial waits, so one node never gets two rows or records. Serials are
+// compared as the database compares them (no letter case, no trailing blanks). Taken before
+// csCatalog, never while holding it.
+class SerialGuard {
+public:
+    explicit SerialGuard(const char* serial);
+    ~SerialGuard();
+    SerialGuard(const SerialGuard&) = delete;
+    SerialGuard& operator=(const SerialGuard&) = delete;
+
+private:
+    std::string m_key;
+};
 
 // Id of the domain whose code is `code`; false when there is none.
 bool FindDomainIdByCode(const char* code, int& domainId);

@@ -1,8 +1,15 @@
 // Login by serial on the message protocol: devices, then servers, then domains. A serial
 // unknown to memory is fetched from the database once before the next kind is tried.
+// Only a device the catalogue knows is answered on the listener's thread; everything that
+// waits on the database or a sub-server runs on the client's queue, in the client's order.
 #include <algorithm>
+#include <cctype>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
+#include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "VornNetSDK.h"
@@ -26,10 +33,14 @@ bool ClearOfflineFlag(Status& status) {
     return true;
 }
 
-// Marks the server with `serial` as logged in; `copy` receives the record as it is then.
-bool LoginServer(const char* serial, int clientId, _sysserver_info& copy, bool& backOnline) {
+// Marks `s` (or the server with `serial` when `s` is null) as logged in; `copy` receives
+// the record as it is then. For a record that AddNodeFromSerial returned, whose serial may be
+// spelt otherwise than the login's (the database compares without letter case or trailing
+// blanks), so a second look-up by the login's serial would miss it.
+bool LoginServer(const char* serial, _sysserver_info* s, int clientId, _sysserver_info& copy,
+                 bool& backOnline) {
     CatalogWriteLock lock(csCatalog);
-    _sysserver_info* s = GetSystemSvrBySerial(serial, m_arrServerFromDB);
+    if (!s) s = GetSystemSvrBySerial(serial, m_arrServerFromDB);
     if (!s) return false;
     s->lLoginID = clientId;
     backOnline = ClearOfflineFlag(s->svr.nState);
@@ -44,9 +55,10 @@ struct DomainLogin {
     char szCode[sizeof(_msg_domain_base::szCode)] = {};
 };
 
-bool LoginDomain(const char* serial, int clientId, DomainLogin& out) {
+// As LoginServer.
+bool LoginDomain(const char* serial, _domain_info* d, int clientId, DomainLogin& out) {
     CatalogWriteLock lock(csCatalog);
-    _domain_info* d = GetDomainInfoBySerial(m_arrDomainFromDB, serial);
+    if (!d) d = GetDomainInfoBySerial(m_arrDomainFromDB, serial);
     if (!d) return false;
     d->lLoginID = clientId;
     out.nType = d->svr.nType;
@@ -91,23 +103,35 @@ void FetchSubDomains(const DomainLogin& domain) {
     ReleaseArray(list);
 }
 
+// The kind's in-memory login, else the row fetched by serial, under the serial's guard so
+// that two logins of one serial never both fetch and append it.
+template <class Login>
+bool LoginOrFetch(const MsgContext& m, const char* serial, int type, Login login) {
+    SerialGuard guard(serial);
+    if (login(nullptr)) return true;
+    void* record = m.self->AddNodeFromSerial(serial, type);
+    return record && login(record);
+}
+
 bool LoginAsDevice(const MsgContext& m, const char* serial) {
-    char name[sizeof(_msg_recorddevice_base::szName)] = {};
-    if (!LoginDevice(serial, m.clientId, name, sizeof(name))) {
-        if (!m.self->AddNodeFromSerial(serial, DEVICE_NODE)) return false;
-        if (!LoginDevice(serial, m.clientId, name, sizeof(name))) return false;
-    }
-    printf("dev %s regist\n", name);
+    DeviceLogin dev;
+    bool found = LoginOrFetch(m, serial, DEVICE_NODE, [&](void* record) {
+        return TakeDeviceLogin(serial, static_cast<_hcrecord_Info*>(record), m.clientId, dev);
+    });
+    if (!found) return false;
+    if (dev.backOnline) ReportBackOnline(dev.id, DEVICE_NODE, dev.status);
+    printf("dev %s regist\n", dev.name);
     return true;
 }
 
 bool LoginAsServer(const MsgContext& m, const char* serial) {
     _sysserver_info server{};
     bool backOnline = false;
-    if (!LoginServer(serial, m.clientId, server, backOnline)) {
-        if (!m.self->AddNodeFromSerial(serial, SERVER_NODE)) return false;
-        if (!LoginServer(serial, m.clientId, server, backOnline)) return false;
-    }
+    bool found = LoginOrFetch(m, serial, SERVER_NODE, [&](void* record) {
+        return LoginServer(serial, static_cast<_sysserver_info*>(record), m.clientId, server,
+                           backOnline);
+    });
+    if (!found) return false;
     if (backOnline) ReportBackOnline(server.svr.nID, SERVER_NODE, server.svr.nState);
     if (server.svr.nServerType == SERVER_MEDIA && server.svr.nPropertyType == 0)
         MergeMediaRegistrations(server);
@@ -118,13 +142,32 @@ bool LoginAsServer(const MsgContext& m, const char* serial) {
 // A domain's off-line flag is left alone on this path.
 bool LoginAsDomain(const MsgContext& m, const char* serial) {
     DomainLogin domain;
-    if (!LoginDomain(serial, m.clientId, domain)) {
-        if (!m.self->AddNodeFromSerial(serial, DOMAIN_NODE)) return false;
-        if (!LoginDomain(serial, m.clientId, domain)) return false;
-    }
+    bool found = LoginOrFetch(m, serial, DOMAIN_NODE, [&](void* record) {
+        return LoginDomain(serial, static_cast<_domain_info*>(record), m.clientId, domain);
+    });
+    if (!found) return false;
     if (domain.nType != 0) FetchSubDomains(domain);
     printf("domain %s regist\n", domain.szCode);
     return true;
+}
+
+// Runs on the client's queue: every step may wait on the database or a sub-server.
+void LoginBySerial(const MsgContext& m, const char* serial) {
+    bool known = LoginAsDevice(m, serial) || LoginAsServer(m, serial) || LoginAsDomain(m, serial);
+    if (!known) printf("%s notfind \n", serial);
+    VornServerSendState(m.clientId, known ? 0 : 1);
+}
+
+// Keys of the serials in flight, compared as the database compares them.
+std::mutex csSerialsInFlight;  // guards serialsInFlight
+std::condition_variable serialReleased;
+std::unordered_set<std::string> serialsInFlight;
+
+std::string SerialKey(const char* serial) {
+    std::string key(serial ? serial : "");
+    while (!key.empty() && key.back() == ' ') key.pop_back();
+    for (char& c : key) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return key;
 }
 
 }  // namespace
@@ -136,31 +179,57 @@ void ReportBackOnline(int id, int nodeType, unsigned int status) {
     WrightMySqlRunInfo(0, id, nodeType, 2, 0, "设备上线");
 }
 
-bool LoginDevice(const char* serial, int clientId, char* name, size_t nameSize) {
-    int id = 0;
-    unsigned int status = 0;
-    bool backOnline = false;
+SerialGuard::SerialGuard(const char* serial) : m_key(SerialKey(serial)) {
+    std::unique_lock<std::mutex> lock(csSerialsInFlight);
+    serialReleased.wait(lock, [this] { return serialsInFlight.insert(m_key).second; });
+}
+
+SerialGuard::~SerialGuard() {
     {
-        CatalogWriteLock lock(csCatalog);
-        _hcrecord_Info* d = GetDeviceInfoBySerial(m_arrRecordInfos, serial);
-        if (!d) return false;
-        d->lLoginID = clientId;
-        backOnline = ClearOfflineFlag(d->dev.nStatus);
-        id = d->dev.nID;
-        status = d->dev.nStatus;
-        if (name) CopyText(name, nameSize, d->dev.szName);
+        std::lock_guard<std::mutex> lock(csSerialsInFlight);
+        serialsInFlight.erase(m_key);
     }
-    if (backOnline) ReportBackOnline(id, DEVICE_NODE, status);
+    serialReleased.notify_all();
+}
+
+bool TakeDeviceLogin(const char* serial, _hcrecord_Info* d, int clientId, DeviceLogin& out) {
+    CatalogWriteLock lock(csCatalog);
+    if (!d) d = GetDeviceInfoBySerial(m_arrRecordInfos, serial);
+    if (!d) return false;
+    d->lLoginID = clientId;
+    out.backOnline = ClearOfflineFlag(d->dev.nStatus);
+    out.id = d->dev.nID;
+    out.status = d->dev.nStatus;
+    CopyText(out.name, d->dev.szName);
     return true;
 }
 
-// The payload is the sender's serial (the table caps it at 99 bytes).
+bool LoginDevice(const char* serial, int clientId) {
+    DeviceLogin dev;
+    if (!TakeDeviceLogin(serial, nullptr, clientId, dev)) return false;
+    if (dev.backOnline) ReportBackOnline(dev.id, DEVICE_NODE, dev.status);
+    return true;
+}
+
+// The payload is the sender's serial (the table caps it at 99 bytes). A device that the
+// catalogue knows is answered at once, its status row written after, in the client's order;
+// any other login may need the database or a sub-server and goes to the client's queue.
 void OnLogin(const MsgContext& m) {
     char serial[100] = {};
     std::memcpy(serial, m.payload, std::min(static_cast<size_t>(m.length), sizeof(serial) - 1));
-    bool known = LoginAsDevice(m, serial) || LoginAsServer(m, serial) || LoginAsDomain(m, serial);
-    if (!known) printf("%s notfind \n", serial);
-    VornServerSendState(m.clientId, known ? 0 : 1);
+    DeviceLogin dev;
+    if (TakeDeviceLogin(serial, nullptr, m.clientId, dev)) {
+        printf("dev %s regist\n", dev.name);
+        VornServerSendState(m.clientId, 0);
+        if (dev.backOnline)
+            RunInOrder(m, [dev] { ReportBackOnline(dev.id, DEVICE_NODE, dev.status); });
+        return;
+    }
+    RunInOrder(m, [m, text = std::string(serial)] {
+        MsgContext queued = m;
+        queued.onWorker = true;
+        LoginBySerial(queued, text.c_str());
+    });
 }
 
 }  // namespace cmsmsg

@@ -11,12 +11,14 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <utility>
+#include <vector>
 
 #include "VornNetSDK.h"
 #include "comm/filestore.h"
 #include "comm/globle.h"
-#include "comm/metrics.h"
 #include "comm/localdata.h"
+#include "comm/metrics.h"
 #include "media/devoperate.h"
 #include "mysql/nodecatalog.h"
 #include "mysql/sqldbop.h"
@@ -208,26 +210,32 @@ void OnSubServerStatus(const MsgContext& m) {
 //   type        the header's nType
 //   minPayload  shorter payloads are dropped without a reply
 //   maxPayload  longer payloads are dropped without a reply; -1 for no limit
+//   lane        kQueued: the handler may block (database, disk, sub-servers) and runs on
+//               the client's queue; kListener: it answers from the catalogue on the
+//               listener's thread and queues any blocking part itself (RunInOrder)
 //   handler     does the work and sends any reply
 // Types without a row are accepted and ignored, and the connection stays.
+enum Lane { kListener, kQueued };
+
 struct MsgRoute {
     uint8_t type;
     int minPayload;
     int maxPayload;
+    Lane lane;
     void (*handler)(const MsgContext& m);
 };
 
 constexpr MsgRoute kMsgRoutes[] = {
-    {CMS_MSG_LOGIN, 0, 99, OnLogin},
-    {CMS_MSG_ALARM, 0, -1, OnAlarm},
-    {CMS_MSG_PUSH_DATA, sizeof(_msg_domain_info), -1, OnPushData},
-    {CMS_MSG_GET_DATA, 0, -1, OnGetData},
-    {CMS_MSG_GETFILE, 0, -1, OnGetFile},
-    {CMS_MSG_WRITEFILE, 0, -1, OnWriteFile},
-    {CMS_MSG_DELETEFILE, 0, -1, OnDeleteFile},
-    {CMS_MSG_SQLOPERATION_EX, 0, -1, OnSqlOperation},
-    {CMS_MSG_GET_URL, sizeof(_msg_url_req), -1, OnGetUrl},
-    {CMS_MSG_SUBSERVERSTATUS, 0, 199, OnSubServerStatus},
+    {CMS_MSG_LOGIN, 0, 99, kListener, OnLogin},
+    {CMS_MSG_ALARM, 0, -1, kQueued, OnAlarm},
+    {CMS_MSG_PUSH_DATA, sizeof(_msg_domain_info), -1, kQueued, OnPushData},
+    {CMS_MSG_GET_DATA, 0, -1, kQueued, OnGetData},
+    {CMS_MSG_GETFILE, 0, -1, kQueued, OnGetFile},
+    {CMS_MSG_WRITEFILE, 0, -1, kQueued, OnWriteFile},
+    {CMS_MSG_DELETEFILE, 0, -1, kQueued, OnDeleteFile},
+    {CMS_MSG_SQLOPERATION_EX, 0, -1, kQueued, OnSqlOperation},
+    {CMS_MSG_GET_URL, sizeof(_msg_url_req), -1, kQueued, OnGetUrl},
+    {CMS_MSG_SUBSERVERSTATUS, 0, 199, kQueued, OnSubServerStatus},
 };
 
 const MsgRoute* FindRoute(uint8_t type) {
@@ -262,12 +270,41 @@ void OnDisconnect(int clientId) {
     if (kind) printf("%s :%s logout\n", kind, name);
 }
 
+// Queues a handler with its own copy of the message (the listener's buffer lives only
+// during the callback).
+void QueueHandler(const MsgContext& m, const unsigned char* data, int length,
+                  void (*handler)(const MsgContext& m)) {
+    auto copy = std::make_shared<std::vector<unsigned char>>(data, data + length);
+    MsgContext queued = m;
+    queued.onWorker = true;
+    m.self->ClientWork().Post(m.clientId, [queued, copy, handler]() mutable {
+        queued.payload = copy->data() + sizeof(_msg_head_info);
+        handler(queued);
+    });
+}
+
 }  // namespace
 
+namespace cmsmsg {
+
+void RunInOrder(const MsgContext& m, std::function<void()> work) {
+    if (m.onWorker)
+        work();
+    else
+        m.self->ClientWork().Post(m.clientId, std::move(work));
+}
+
+}  // namespace cmsmsg
+
+// Everything for one client happens in the order it arrived: while the client has work
+// queued, even a message that could be answered at once, and its disconnect, go behind it.
 void CCMSSvrDlg::MessageCallBack(int clientId, unsigned char* data, int length, CCMSSvrDlg* self) {
     if (!self) return;
     if (!data) {
         metrics::CountClientGone(clientId);
+        if (self->ClientWork().Busy(clientId))
+            return self->ClientWork().Post(
+                clientId, [clientId] { OnDisconnect(clientId); }, false);
         return OnDisconnect(clientId);
     }
     metrics::CountClientMessage(clientId);
@@ -280,11 +317,14 @@ void CCMSSvrDlg::MessageCallBack(int clientId, unsigned char* data, int length, 
                  clientId,
                  {},
                  data + sizeof(_msg_head_info),
-                 length - static_cast<int>(sizeof(_msg_head_info))};
+                 length - static_cast<int>(sizeof(_msg_head_info)),
+                 false};
     std::memcpy(&m.head, data, sizeof(m.head));
     const MsgRoute* route = FindRoute(m.head.nType);
     if (!route || m.length < route->minPayload) return;
     if (route->maxPayload >= 0 && m.length > route->maxPayload) return;
+    if (route->lane == kQueued || self->ClientWork().Busy(clientId))
+        return QueueHandler(m, data, length, route->handler);
     route->handler(m);
 }
 

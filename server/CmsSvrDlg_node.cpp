@@ -53,6 +53,16 @@ void AppendRegion(int id, const char* name, const char* serial, int type, int pa
 
 int RegionId(_msg_region_base* r) { return r ? r->nID : 0; }
 
+_hcrecord_Info* KnownRecord(const std::vector<_hcrecord_Info*>& v, const _hcrecord_Info* r) {
+    return GetDeviceInfoByID(v, r->dev.nID);
+}
+_sysserver_info* KnownRecord(const std::vector<_sysserver_info*>& v, const _sysserver_info* r) {
+    return GetSystemSvrByID(r->svr.nID, v);
+}
+_domain_info* KnownRecord(const std::vector<_domain_info*>& v, const _domain_info* r) {
+    return GetDomainInfoByID(v, r->svr.nID);
+}
+
 template <class T, class Load>
 T* AppendFirstRow(CMysqlDB& db, const char* sql, Load load, std::vector<T*>& into) {
     std::vector<T*> rows;
@@ -62,6 +72,12 @@ T* AppendFirstRow(CMysqlDB& db, const char* sql, Load load, std::vector<T*>& int
     rows.erase(rows.begin());
     ReleaseArray(rows);
     CatalogWriteLock lock(csCatalog);
+    // A row the catalogue holds already (fetched by a serial spelt otherwise than in the
+    // catalogue) is that record: appending it again would leave one orphan per fetch.
+    if (T* known = KnownRecord(into, first)) {
+        delete first;
+        return known;
+    }
     into.push_back(first);
     return first;
 }

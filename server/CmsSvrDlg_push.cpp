@@ -65,6 +65,7 @@ void CreatePushedDevice(CMysqlDB& db, const MsgContext& m, const _msg_domain_inf
 }
 
 void PushDeviceLogin(const MsgContext& m, _msg_domain_info& node) {
+    SerialGuard guard(node.szCode);  // two pushes of one new serial add one device
     if (LoginDevice(node.szCode, m.clientId)) return;
     CMysqlDB db;
     if (!ConnectDB(&db)) return;

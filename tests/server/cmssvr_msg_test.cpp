@@ -1,12 +1,18 @@
 // The message protocol end to end: the real daemon, a real database, a framed client.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <memory>
 #include <random>
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "cmsclient/cmsclient.h"
 #include "comm/msgdefine.h"
@@ -47,6 +53,42 @@ std::string PushRecord(int subType, const char* code, const char* parent, const 
     n.nStatus = status;
     return Bytes(n);
 }
+
+// Accepts connections and never answers, like a sub-server that hangs; the connections are
+// dropped when it goes away.
+class SilentPeer {
+public:
+    SilentPeer() {
+        m_fd = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t n = sizeof(a);
+        bind(m_fd, reinterpret_cast<sockaddr*>(&a), n);
+        listen(m_fd, 16);
+        getsockname(m_fd, reinterpret_cast<sockaddr*>(&a), &n);
+        m_port = ntohs(a.sin_port);
+        m_thread = std::thread([this] {
+            for (int c; (c = accept(m_fd, nullptr, nullptr)) >= 0; ++m_accepted)
+                m_held.push_back(c);
+        });
+    }
+    ~SilentPeer() {
+        shutdown(m_fd, SHUT_RDWR);  // ends the accept
+        m_thread.join();
+        for (int c : m_held) close(c);
+        close(m_fd);
+    }
+    int port() const { return m_port; }
+    int accepted() const { return m_accepted; }
+
+private:
+    int m_fd = -1;
+    int m_port = 0;
+    std::atomic<int> m_accepted{0};
+    std::vector<int> m_held;  // accept thread only
+    std::thread m_thread;
+};
 
 class MessageServer : public ::testing::Test {
 protected:
@@ -133,6 +175,25 @@ TEST_F(MessageServer, LoginsOfEveryKindAndTheirLogouts) {
     c->Close();
     EXPECT_TRUE(daemon->WaitFor("domain :" + kDomain + " logout\n", 5s));
     EXPECT_FALSE(Printed("server :SVR20 logout"));
+}
+
+// Media servers whose registration lists never come must not hold back a device's login.
+TEST_F(MessageServer, AKnownDeviceIsAnsweredWhileSubServersHang) {
+    SilentPeer silent;
+    std::vector<std::unique_ptr<CmsClient>> servers;
+    for (int i = 21; i <= 24; ++i) {
+        ASSERT_TRUE(db.Exec("insert into serverinfo(id,name,svrtype,ip,port,sn) values (" +
+                            std::to_string(i) + ",'m',1,'127.0.0.1'," +
+                            std::to_string(silent.port()) + ",'SVR" + std::to_string(i) + "')"));
+        servers.push_back(Open());
+        ASSERT_TRUE(servers.back()->Send(Head(CMS_MSG_LOGIN), "SVR" + std::to_string(i)));
+    }
+    for (int i = 0; i < 500 && silent.accepted() < 4; ++i) std::this_thread::sleep_for(10ms);
+    ASSERT_EQ(silent.accepted(), 4);
+    ExpectLogin(*Open(), "DEV13", 0);
+    Reply r;
+    for (auto& s : servers)
+        EXPECT_EQ(s->ReadReply(r, 0), CmsClient::ReadResult::kTimeout);  // still fetching
 }
 
 TEST_F(MessageServer, PushedNodesBuildRegionsDevicesAndChannels) {
