@@ -39,6 +39,39 @@ void progSingle(int signal) {
     }
 }
 
+// A SIGSEGV sent by kill ends the main loop like SIGTERM. A real fault cannot be returned
+// from (the faulting instruction would run again for ever): it is reported and the default
+// action ends the process, so that a core dump shows where it happened.
+void OnSegv(int signal, siginfo_t* info, void*) {
+    if (info && info->si_code <= 0) return progSingle(signal);  // SI_USER, SI_TKILL, SI_QUEUE
+    WriteLine("segmentation fault: ending with a core dump\n");
+    struct sigaction dfl {};
+    dfl.sa_handler = SIG_DFL;
+    sigaction(SIGSEGV, &dfl, nullptr);
+    raise(SIGSEGV);  // delivered as the handler returns
+}
+
+void InstallSignals() {
+    signal(SIGINT, progSingle);
+    signal(SIGKILL, progSingle);  // refused by the system; harmless
+    struct sigaction segv {};
+    segv.sa_sigaction = OnSegv;
+    segv.sa_flags = SA_SIGINFO;
+    sigemptyset(&segv.sa_mask);
+    sigaction(SIGSEGV, &segv, nullptr);
+    signal(SIGTERM, progSingle);
+    signal(SIGPIPE, SIG_IGN);
+}
+
+// Test hook: CMS_TEST_FAULT=segv makes the server fault for real once its signals are
+// installed, so the fault path can be checked end to end.
+void FaultIfAsked() {
+    const char* what = getenv("CMS_TEST_FAULT");
+    if (!what || std::strcmp(what, "segv") != 0) return;
+    volatile int* nowhere = nullptr;
+    *nowhere = 1;
+}
+
 // With CMS_NO_REBOOT set, reboot and power-off requests are printed instead of carried
 // out, so that tests and trial runs can exercise them on a machine that must stay up.
 int PrintReboot(int cmd) {
@@ -49,33 +82,40 @@ int PrintReboot(int cmd) {
 
 void PrintUsage() {
     puts(
-        "usage: cmssvr [--help]\n"
+        "usage: cmssvr [--help] [--version]\n"
         "\n"
         "Central management server. Run it from the directory that holds config/:\n"
         "  config/cmslocal.xml  message port, HTTP port, serial\n"
         "  config/cmsparam.xml  database connection and file-store roots\n"
         "  config/dev.xml       device RTSP URL templates (optional)\n"
         "It retries the database once a second until the catalogue loads, then opens\n"
-        "its ports. SIGINT or SIGTERM ends it.\n"
+        "its ports. SIGINT or SIGTERM ends it. Other arguments are ignored.\n"
         "With CMS_NO_REBOOT set in the environment, reboot and power-off commands are\n"
         "printed instead of carried out.");
 }
 
+constexpr const char* kVersion = "cmssvr 1.0";
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc > 1) {
-        PrintUsage();
-        return std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0 ? 0 : 2;
+    // Anything else on the command line is ignored: the server takes its settings from
+    // config/ alone.
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
+            PrintUsage();
+            return 0;
+        }
+        if (std::strcmp(argv[i], "--version") == 0) {
+            puts(kVersion);
+            return 0;
+        }
     }
     // Progress lines must reach a pipe or log file as they happen.
     setvbuf(stdout, nullptr, _IOLBF, 0);
 
-    signal(SIGINT, progSingle);
-    signal(SIGKILL, progSingle);  // refused by the system; harmless
-    signal(SIGSEGV, progSingle);
-    signal(SIGTERM, progSingle);
-    signal(SIGPIPE, SIG_IGN);
+    InstallSignals();
+    FaultIfAsked();
     if (getenv("CMS_NO_REBOOT")) SetRebootFunc(PrintReboot);
     puts("cserver startup");
 

@@ -1,10 +1,15 @@
 // The daemon end to end: waiting for the database, loading, and ending on a signal.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <thread>
 
 #include "support/daemon.h"
 #include "support/testdb.h"
@@ -24,6 +29,45 @@ bool CanConnect(int port) {
     bool ok = connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0;
     close(fd);
     return ok;
+}
+
+// The binary run in an empty directory with `arg`, and `fault` as CMS_TEST_FAULT when
+// given. Once its output holds `until` (or at once when empty) it gets SIGTERM; `status` is
+// what waitpid reports, -1 when it did not end within 5 s.
+struct RunResult {
+    int status = -1;
+    std::string output;
+};
+RunResult RunBinary(const char* arg, const char* fault, const std::string& until) {
+    cmstest::TempDir dir;
+    const std::string bin = std::string(CMS_BINARY_DIR) + "/cmssvr";
+    const std::string out = dir.File("out.log");
+    pid_t pid = fork();
+    if (pid == 0) {
+        int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        if (fd < 0 || chdir(dir.path().c_str()) != 0) _exit(126);
+        dup2(fd, STDOUT_FILENO);
+        rlimit none{0, 0};  // no core file from the fault test
+        setrlimit(RLIMIT_CORE, &none);
+        if (fault) setenv("CMS_TEST_FAULT", fault, 1);
+        execl(bin.c_str(), bin.c_str(), arg, static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    RunResult r;
+    bool signalled = until.empty();
+    for (int i = 0; i < 500; ++i) {
+        if (waitpid(pid, &r.status, WNOHANG) == pid) break;
+        r.status = -1;
+        if (!signalled && cmstest::ReadFile(out).find(until) != std::string::npos)
+            signalled = kill(pid, SIGTERM) == 0;
+        std::this_thread::sleep_for(10ms);
+    }
+    if (r.status == -1) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    r.output = cmstest::ReadFile(out);
+    return r;
 }
 
 }  // namespace
@@ -86,4 +130,30 @@ TEST(Daemon, HelpExplainsTheSettings) {
     size_t n = fread(buf, 1, sizeof(buf) - 1, p);
     EXPECT_EQ(pclose(p), 0);
     EXPECT_NE(std::string(buf, n).find("config/cmsparam.xml"), std::string::npos);
+}
+
+TEST(Daemon, VersionPrintsAndOtherArgumentsAreIgnored) {
+    RunResult v = RunBinary("--version", nullptr, "");
+    EXPECT_TRUE(WIFEXITED(v.status) && WEXITSTATUS(v.status) == 0) << v.status;
+    EXPECT_EQ(v.output.rfind("cmssvr ", 0), 0u) << v.output;
+    RunResult other = RunBinary("--no-such-option", nullptr, "InitSystem succ");
+    EXPECT_TRUE(WIFEXITED(other.status) && WEXITSTATUS(other.status) == 0) << other.status;
+    EXPECT_NE(other.output.find("cserver startup"), std::string::npos) << other.output;
+}
+
+// A real fault ends the process by the signal (so a core can be taken) after one line; a
+// SIGSEGV sent by kill only ends the main loop.
+TEST(Daemon, ARealFaultEndsWithTheSignalAndAKilledOneExitsCleanly) {
+    RunResult fault = RunBinary(nullptr, "segv", "");
+    EXPECT_TRUE(WIFSIGNALED(fault.status) && WTERMSIG(fault.status) == SIGSEGV) << fault.status;
+    EXPECT_EQ(fault.output, "segmentation fault: ending with a core dump\n");
+
+    DaemonSettings s;
+    s.port = cmstest::FreePort();
+    s.dbName = "cms";
+    s.dbPort = cmstest::FreePort();  // nothing listens: it waits in the main loop
+    Daemon d(s);
+    ASSERT_TRUE(d.Start());
+    ASSERT_TRUE(d.WaitFor("InitSystem succ", 5s)) << d.Output();
+    EXPECT_EQ(d.Stop(SIGSEGV, 5s), 0);
 }
