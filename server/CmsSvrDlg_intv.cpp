@@ -105,7 +105,7 @@ bool LinkOne(size_t i) {
     bool wasOffline = false;
     {
         CatalogWriteLock lock(csCatalog);
-        rec->lLoginID = handle;
+        CatalogSetLogin(*rec, handle);
         if (handle >= 0) wasOffline = ClearOffline<Side>(*rec, status);
     }
     if (handle >= 0) {
@@ -176,7 +176,7 @@ void UnlinkAll() {
     for (auto& l : linked) RUSK_STOP_MEDIA_PLAY(l.second);
     CatalogWriteLock lock(csCatalog);
     for (auto& l : linked)
-        if (l.first->lLoginID == l.second) l.first->lLoginID = -1;
+        if (l.first->lLoginID == l.second) CatalogSetLogin(*l.first, -1);
 }
 
 template <class F>

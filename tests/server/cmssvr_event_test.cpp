@@ -58,14 +58,17 @@ protected:
             m_arrFilePath.push_back(a);
         }
         _hcrecord_Info* dev = catalog.Device(100, 0, "DEV-100", "", 0);
-        dev->dev.nStatus = 0x5;
-        dev->lLoginID = kDevLogin;
         _sysserver_info* svr = catalog.Server(200, 0, 0, "", "", 0);
-        svr->nMode = 1;
-        svr->lLoginID = kSvrLogin;
         // Channel 3 of device 100 with hardware type 2 comes first; it must not be chosen.
-        catalog.Channel(299, 100, 3)->nType = 2;
+        _msg_video_record_base* other = catalog.Channel(299, 100, 3);
         catalog.Channel(300, 100, 3);
+        CatalogWriteLock lock(csCatalog);
+        dev->dev.nStatus = 0x5;
+        CatalogSetLogin(*dev, kDevLogin);
+        svr->nMode = 1;
+        CatalogSetLogin(*svr, kSvrLogin);
+        other->nType = 2;
+        CatalogIndexRefile(*other);
     }
 
     void Send(int login, int mode, const Bytes& b, int length = -1) {
