@@ -83,7 +83,7 @@ bool OperateDBBySQL(const char* sql) {
     return db.Execute(sql);
 }
 
-int GetMyselfData(char* request, char** out, int* length) {
+int GetMyselfData(char* request, char** out, int* length, size_t maxLength) {
     char* statement = nullptr;
     char* columns = nullptr;
     if (!out || !length || !SplitRequest(request, statement, columns)) return -1;
@@ -98,8 +98,13 @@ int GetMyselfData(char* request, char** out, int* length) {
     std::string xml = "<data><tb>";
     for (const std::string& c : cols) xml += c + ",";
     xml += "</tb><vs>";
-    while (rs.MoveNext()) AppendRow(rs, cols, xml);
+    constexpr size_t kTail = sizeof("</vs></data>") - 1;
+    while (rs.MoveNext()) {
+        AppendRow(rs, cols, xml);
+        if (xml.size() + kTail > maxLength) return -2;
+    }
     xml += "</vs></data>";
+    if (xml.size() > maxLength) return -2;
     rs.Close();
 
     // Handed to the caller, who frees it with delete[].

@@ -3,6 +3,8 @@
 // csCatalog (mysql/catalog.h) as its rules say.
 #pragma once
 
+#include <climits>
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -20,9 +22,10 @@ void CloseDB(CMysqlDB* db);
 int64_t AddRecordBySQL(char* sql);
 bool OperateDBBySQL(const char* sql);
 // Runs "statement&col1,col2,..." and answers with an XML row set allocated with new[].
-// 1 with *out and *length set, 0 on a database failure, -1 on a malformed request.
+// 1 with *out and *length set, 0 on a database failure, -1 on a malformed request, -2
+// when the answer would be longer than `maxLength` (it is not built further).
 // `request` is split in place.
-int GetMyselfData(char* request, char** out, int* length);
+int GetMyselfData(char* request, char** out, int* length, size_t maxLength = INT_MAX);
 // Escapes `in` for a quoted SQL literal into `out` of `outSize` bytes (truncating the
 // input so that the escaped text fits). Uses the connection's character set when `db`
 // is open, plain MySQL escaping otherwise.

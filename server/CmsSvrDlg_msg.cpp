@@ -5,6 +5,7 @@
 // One-shot clients are closed a little after their reply (VornServerKillClientDelayed) so
 // they can read it; no library thread ever sleeps here.
 #include <algorithm>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -14,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "VornFrame.h"
 #include "VornNetSDK.h"
 #include "comm/filestore.h"
 #include "comm/globle.h"
@@ -40,8 +42,13 @@ constexpr int kGetFileDataMs = 500;  // extra time to read a file that was sent
 constexpr int kSqlCloseMs = 500;
 constexpr int kSqlDataMs = 1000;  // extra time to read a query result
 
-void SendData(int clientId, const void* data, int length) {
-    VornServerSendData(clientId, static_cast<const unsigned char*>(data), length);
+// The longest payload a data reply can carry: the reply frame less its message head, and no
+// more than the send call's int length.
+constexpr int kMaxReplyPayload = static_cast<int>(std::min<int64_t>(
+    INT_MAX, int64_t{vorn::kMaxReplyFrameLength} - int64_t{vorn::kMsgHeadSize}));
+
+bool SendData(int clientId, const void* data, int length) {
+    return VornServerSendData(clientId, static_cast<const unsigned char*>(data), length) == 1;
 }
 
 void OnAlarm(const MsgContext& m) { m.self->ProcessEventBuf(m.clientId, 0, m.payload, m.length); }
@@ -101,11 +108,13 @@ void OnGetFile(const MsgContext& m) {
     char* buf = nullptr;
     int len = 0;
     int closeMs = kGetFileCloseMs;
-    if (GetFileEx(m.head.nFrom, m.head.nFromClientID, m.head.nTo, buf, len) == 1 && buf) {
-        SendData(m.clientId, buf, len);
+    // A file too long for a reply is refused from its size, before it is read.
+    const int got =
+        GetFileEx(m.head.nFrom, m.head.nFromClientID, m.head.nTo, buf, len, kMaxReplyPayload);
+    if (got == 1 && buf && SendData(m.clientId, buf, len)) {
         closeMs += kGetFileDataMs;
     } else {
-        // A missing file is answered with data holding 1, not with a state.
+        // A missing or oversized file is answered with data holding 1, not with a state.
         const unsigned char one[4] = {1, 0, 0, 0};
         SendData(m.clientId, one, sizeof(one));
     }
@@ -132,14 +141,13 @@ void OnDeleteFile(const MsgContext& m) {
 int QueryMyself(int clientId, char* sql) {
     char* out = nullptr;
     int len = 0;
-    int result = GetMyselfData(sql, &out, &len);
+    int result = GetMyselfData(sql, &out, &len, kMaxReplyPayload);
     int extraMs = 0;
-    if (result == -1) {
-        VornServerSendState(clientId, 1);
-    } else if (result == 0) {
+    if (result == 0) {
         VornServerSendState(clientId, 0);
+    } else if (result != 1 || !SendData(clientId, out, len)) {
+        VornServerSendState(clientId, 1);  // malformed, or an answer no reply can carry
     } else {
-        SendData(clientId, out, len);
         extraMs = kSqlDataMs;
     }
     delete[] out;

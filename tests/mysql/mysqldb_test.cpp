@@ -119,6 +119,13 @@ TEST_F(MysqlDbTest, GetMyselfDataAnswersRowsAsXml) {
     delete[] out;
     EXPECT_EQ("<data><tb>id,name,v,nosuch,</tb><vs><v>1,alpha,,,</v><v>2,,7,,</v></vs></data>",
               xml);
+    // An answer longer than the caller can send is refused, one byte over or more.
+    for (size_t limit : {xml.size(), xml.size() - 1, size_t(30)}) {
+        char again[] = "select id, name, v from a order by id&id,name,v,nosuch,";
+        out = nullptr;
+        EXPECT_EQ(limit == xml.size() ? 1 : -2, GetMyselfData(again, &out, &len, limit));
+        delete[] out;
+    }
 
     // A trailing name without ',' is not a column; zero rows keep the frame.
     char none[] = "select id from a where id < 0&id,name";
