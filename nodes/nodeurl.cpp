@@ -118,6 +118,27 @@ bool RegionOfRegistrationServer(const _dev_register& reg, int& region) {
 
 using RegionFinder = bool (*)(const _dev_register& reg, int& region);
 
+// Only resolving a registered device changes the catalogue (its record is cleared). So a
+// builder runs under the read lock, and when it meets a registered device it answers
+// kNeedsWrite, having written nothing, and runs once more under the write lock.
+constexpr int kNeedsWrite = -1;
+
+template <class Build>
+int WithCatalog(Build build) {
+    {
+        CatalogReadLock lock(csCatalog);
+        int r = build(false);
+        if (r != kNeedsWrite) return r;
+    }
+    CatalogWriteLock lock(csCatalog);
+    return build(true);
+}
+
+// Whether resolving device `d` would clear its record, which the read lock does not allow.
+bool NeedsWrite(const _hcrecord_Info& d, bool write) {
+    return !write && RegistrationOf(d.dev.szSerial) != nullptr;
+}
+
 // Where a node's address starts: the route path of its region, or, for a node registered
 // with a media server, of the region `regionOf` finds for that registration.
 struct Route {
@@ -171,17 +192,19 @@ int PlayUrlOfServerChan(int nodeid, btext::Writer& w) {
 }
 
 int PlayUrlOfDevice(int nodeid, btext::Writer& w) {
-    CatalogWriteLock lock(csCatalog);  // a registered device's record is cleared
-    _hcrecord_Info* d = GetDeviceInfoByID(m_arrRecordInfos, nodeid);
-    if (!d) return 0;
-    if (d->dev.nDomainID >= 1)
-        return WriteDomainPlayUrl(w, d->dev.nDomainID, View(d->dev.szSerial));
-    Route r;
-    if (!FindRoute(d->dev.szSerial, d->dev.nRegionID, RegionOfRegistrationServer, r, &d->dev))
-        return 0;
-    const int chan = d->dev.nServerType == 0 ? 1 : 0;  // read after a registered one is cleared
-    WritePlayUrl(w, r.path, ConnOf(d->dev), r.registered, {}, chan);
-    return 1;
+    return WithCatalog([&](bool write) {
+        _hcrecord_Info* d = GetDeviceInfoByID(m_arrRecordInfos, nodeid);
+        if (!d) return 0;
+        if (d->dev.nDomainID >= 1)
+            return WriteDomainPlayUrl(w, d->dev.nDomainID, View(d->dev.szSerial));
+        if (NeedsWrite(*d, write)) return kNeedsWrite;
+        Route r;
+        if (!FindRoute(d->dev.szSerial, d->dev.nRegionID, RegionOfRegistrationServer, r, &d->dev))
+            return 0;
+        const int chan = d->dev.nServerType == 0 ? 1 : 0;  // read after a registered one is cleared
+        WritePlayUrl(w, r.path, ConnOf(d->dev), r.registered, {}, chan);
+        return 1;
+    });
 }
 
 int PlayUrlOfChannel(int nodeid, btext::Writer& w) {
@@ -216,9 +239,11 @@ int ConfigUrlOfServerChan(int nodeid, btext::Writer& w) {
     return ConfigUrlOfServerId(chan.nDevID, w);
 }
 
-// Shared by devices and channels; the caller holds the write lock.
-int ConfigUrlOfDeviceRecord(_hcrecord_Info* d, const char* regPrefix, btext::Writer& w) {
+// Shared by devices and channels; `write`: the caller holds the write lock.
+int ConfigUrlOfDeviceRecord(_hcrecord_Info* d, const char* regPrefix, btext::Writer& w,
+                            bool write) {
     if (!d) return 0;
+    if (NeedsWrite(*d, write)) return kNeedsWrite;
     Route r;
     if (!FindRoute(d->dev.szSerial, d->dev.nRegionID, RegionOfRegistration, r, &d->dev)) return 0;
     WriteConfigUrl(w, regPrefix, r.path, ConnOf(d->dev), r.registered);
@@ -226,16 +251,21 @@ int ConfigUrlOfDeviceRecord(_hcrecord_Info* d, const char* regPrefix, btext::Wri
 }
 
 int ConfigUrlOfDevice(int nodeid, btext::Writer& w) {
-    CatalogWriteLock lock(csCatalog);
-    return ConfigUrlOfDeviceRecord(GetDeviceInfoByID(m_arrRecordInfos, nodeid), "rtsp:/", w);
+    return WithCatalog([&](bool write) {
+        return ConfigUrlOfDeviceRecord(GetDeviceInfoByID(m_arrRecordInfos, nodeid), "rtsp:/", w,
+                                       write);
+    });
 }
 
 int ConfigUrlOfChannel(int nodeid, btext::Writer& w) {
-    CatalogWriteLock lock(csCatalog);
-    const _msg_video_record_base* v = GetVideoChanInfoByID(m_arrVideoChanInfos, nodeid);
-    if (!v) return 0;
-    // "rtsp" without the colon for a registered channel: its readers expect it so.
-    return ConfigUrlOfDeviceRecord(GetDeviceInfoByID(m_arrRecordInfos, v->nDeviceID), "rtsp", w);
+    return WithCatalog([&](bool write) {
+        const _msg_video_record_base* v = GetVideoChanInfoByID(m_arrVideoChanInfos, nodeid);
+        if (!v) return 0;
+        // "rtsp/" without the colon for a registered channel ("rtsp//ip:port/serial"): its
+        // readers expect it so.
+        return ConfigUrlOfDeviceRecord(GetDeviceInfoByID(m_arrRecordInfos, v->nDeviceID), "rtsp/",
+                                       w, write);
+    });
 }
 
 int ConfigUrlOfDomain(int nodeid, btext::Writer& w) {
@@ -315,7 +345,7 @@ int LocalLinkInfo(const _msg_video_record_base* chan, _hcrecord_Info* d, _msg_li
 
 int CascadedLinkInfo(const _hcrecord_Info& d, _msg_link_info* link) {
     const _domain_info* dom = GetDomainInfoByID(m_arrDomainFromDB, d.dev.nDomainID);
-    if (!dom) return 0;
+    if (!dom) return 1;  // resolved as cascaded, with nothing to say about its domain
     // A registered platform knows its devices by serial, the others by the domain code.
     if (dom->svr.nType == REG_DOMIAN)
         btext::CopyField(link->szDomainCode, d.dev.szSerial);
@@ -330,15 +360,23 @@ int CascadedLinkInfo(const _hcrecord_Info& d, _msg_link_info* link) {
 int GetLinkInfoFromCode(const char* code, _msg_link_info* link) {
     if (!code || !link) return 0;
     std::printf("GetLinkInfoFromCode %s\n", code);
-    CatalogWriteLock lock(csCatalog);  // a registered device's record is cleared
-    const _msg_video_record_base* chan = GetVideoChanInfoByCode(m_arrVideoChanInfos, code);
-    _hcrecord_Info* d = chan ? GetDeviceInfoByID(m_arrRecordInfos, chan->nDeviceID)
-                             : GetDeviceInfoByCode(m_arrRecordInfos, code);
-    if (!d) return 0;
-    btext::Copy(link->szCode, code);
-    std::printf("GetLinkInfoFromCode dev domainid %d\n", d->dev.nDomainID);
-    if (d->dev.nDomainID >= 1) return CascadedLinkInfo(*d, link);
-    return LocalLinkInfo(chan, d, link);
+    bool found = false;
+    int domainId = 0;
+    int result = WithCatalog([&](bool write) {
+        const _msg_video_record_base* chan = GetVideoChanInfoByCode(m_arrVideoChanInfos, code);
+        _hcrecord_Info* d = chan ? GetDeviceInfoByID(m_arrRecordInfos, chan->nDeviceID)
+                                 : GetDeviceInfoByCode(m_arrRecordInfos, code);
+        if (!d) return 0;
+        if (d->dev.nDomainID < 1 && NeedsWrite(*d, write)) return kNeedsWrite;
+        found = true;
+        domainId = d->dev.nDomainID;
+        btext::Copy(link->szCode, code);
+        if (d->dev.nDomainID >= 1) return CascadedLinkInfo(*d, link);
+        return LocalLinkInfo(chan, d, link);
+    });
+    // Printed once the lock is let go.
+    if (found) std::printf("GetLinkInfoFromCode dev domainid %d\n", domainId);
+    return result;
 }
 
 // ---- Classification ----

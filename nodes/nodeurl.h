@@ -7,6 +7,8 @@
 //
 // Locking: every function here takes csCatalog itself (and none is called with it held),
 // except GetRegMedia, which returns a catalogue pointer: its caller holds a read lock.
+// They read under the read lock; only resolving a registered device (whose record is
+// cleared) takes the write lock. Nothing is printed while the lock is held.
 // Functions that also query the database (server channels, domain servers) do so before
 // taking the lock.
 #pragma once
@@ -41,7 +43,8 @@ int GetUrlFromNode(int nodeid, int nodetype, char* url, size_t urlSize = kNodeUr
 // Configuration address of a node (types 1, 2, 3, 9, 10); 1/0 as GetUrlFromNode.
 int GetConfigUrlFromNode(int nodeid, int nodetype, char* url, size_t urlSize = kNodeUrlSize);
 // Fills `link` for a channel or device code: the play address of a local device, or the
-// domain code and link mode of a cascaded one. 1 when the code was resolved.
+// domain code and link mode of a cascaded one (empty when its domain is missing). 1 when the
+// code was resolved.
 int GetLinkInfoFromCode(const char* code, _msg_link_info* link);
 // DEVTYPE_INTV, DEVTYPE_RECORD or DEVTYPE_UNKNOWN.
 int GetDevTypeFromNode(int nodeid, int nodetype);

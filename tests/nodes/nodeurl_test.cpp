@@ -145,7 +145,7 @@ TEST_F(NodeUrlTest, ServerChannelsAndConfigurationAddresses) {
     cat.Device(303, 4, "DEV303", "10.0.0.7", 8000);
     cat.Channel(304, 303, 1);
     cat.Registration(2, 303, "DEV303");  // a registered channel: colon-less, cleared serial
-    EXPECT_EQ("rtsp/10.1.1.1:554/10.2.2.2:5540/", Url(304, DEVCHAN_NODE, 1, true));
+    EXPECT_EQ("rtsp//10.1.1.1:554/10.2.2.2:5540/", Url(304, DEVCHAN_NODE, 1, true));
 
     EXPECT_EQ(DEVTYPE_INTV, GetDevTypeFromNode(7, SERVERCHAN_NODE));
     char text[12] = {0};
@@ -165,7 +165,9 @@ TEST_F(NodeUrlTest, LinkInfoByCode) {
         {"DC101", kRoute + "/10.0.0.6:8000:u:p:2:0", "", 0},
         {"DC400", "", "D-CODE", 2},
         {"DC401", "", "DEV401", 0},  // a registered platform knows the device serial
+        {"DC403", "", "", 0},        // cascaded, its domain gone: resolved, nothing to say
     };
+    cat.Device(403, 3, "DEV403", "10.0.0.9", 8000, 0, "DC403")->dev.nDomainID = 99;
     for (const auto& c : cases) {
         _msg_link_info link{};
         ASSERT_EQ(1, GetLinkInfoFromCode(c.code, &link)) << c.code;
