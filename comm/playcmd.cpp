@@ -67,15 +67,17 @@ DevResult ParseDevice(string_view dev, COMMAND_INFO* cmd) {
     return DevResult::kComplete;
 }
 
-// value := filetype ":" start ["&" stop]
+// value := filetype ":" start ["&" stop]; without ":" it is all file type and no times.
 int ParseReplay(string_view value, bool replay, COMMAND_INFO* cmd) {
     const size_t colon = value.find(':');
-    if (colon == string_view::npos) return 0;
     cmd->nFileType = ToInt(value.substr(0, colon), kFileTypeSize);
-    const string_view times = value.substr(colon + 1);
-    const size_t amp = times.find('&');
-    ParsePlayTime(times.substr(0, amp), kTimeSize, &cmd->startTime);
-    if (amp != string_view::npos) ParsePlayTime(times.substr(amp + 1), kTimeSize, &cmd->stopTime);
+    if (colon != string_view::npos) {
+        const string_view times = value.substr(colon + 1);
+        const size_t amp = times.find('&');
+        ParsePlayTime(times.substr(0, amp), kTimeSize, &cmd->startTime);
+        if (amp != string_view::npos)
+            ParsePlayTime(times.substr(amp + 1), kTimeSize, &cmd->stopTime);
+    }
     // A local play keeps 255: it is not a replay through a device.
     if (replay && cmd->nPlayType == PLAYTYPE_NOROUTE) cmd->nPlayType = PLAYTYPE_REPLAY;
     cmd->bReplay = true;

@@ -42,14 +42,17 @@ TEST(CommandString, DeviceFieldsAndQueries) {
     // A local play keeps 255 and fills only what matched.
     EXPECT_EQ("1 h|1|u|p|2|3| s0 f1 t255 r1 2024-6-0 0:0:0&0-0-0 0:0:0",
               Command("rtsp://h:1:u:p:2:3?localplay=1:2024-6"));
+    // Without ":" the value is all file type: still a replay, with no times.
+    EXPECT_EQ("1 h|1|u|p|2|1| s0 f2024 t2 r1 " + zero,
+              Command("rtsp://h:1:u:p:2:1?replay=2024-1-2"));
+    EXPECT_EQ("1 h|1|u|p|2|1| s0 f3 t255 r1 " + zero, Command("rtsp://h:1:u:p:2:1?localplay=3"));
     EXPECT_EQ("1 h|1|u|p|2|3| s0 f0 t255 r0 " + zero, Command("rtsp://h:1:u:p:2:3?other=1"));
     // No ":" after the route: success with nothing but the play type.
     EXPECT_EQ("1 |0|||0|0| s0 f0 t0 r0 " + zero, Command("rtsp://a:1/device?live=1"));
 }
 
 TEST(CommandString, MalformedTruncatedAndOverlong) {
-    for (const char* bad : {"rtsp://10.0.0.5:8000:u:p:2:3", "http://10.0.0.5:8000:u:p:2:3?live=1",
-                            "rtsp://h:1:u:p:2:3?replay=2024-1-2"})
+    for (const char* bad : {"rtsp://10.0.0.5:8000:u:p:2:3", "http://10.0.0.5:8000:u:p:2:3?live=1"})
         EXPECT_EQ('0', Command(bad)[0]) << bad;
     EXPECT_EQ('1', Command("rtsp://10.0.0.5:8000:u:p:2:3", true)[0]);  // needs no query
     EXPECT_EQ(0, GetCommandFromString(nullptr, nullptr));
