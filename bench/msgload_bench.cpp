@@ -1,8 +1,9 @@
 // Message load: 10,000 devices log in by serial over 200 connections to the real cmssvr,
 // then their links send device-state and analytics events as fast as the server takes
 // them. Beside it, on the same database, the rate of plain single-row inserts over one
-// persistent connection: the ceiling that a server opening a connection per row is
-// measured against.
+// persistent connection: the ceiling that the event path is measured against. Last,
+// 10,000 devices marked off-line log in for the first time over 200 new connections, each
+// login a status update and a run-log row.
 //
 // Starts its own throwaway MariaDB (see benchdb.h) unless CMS_BENCH_DB_PORT names a
 // running one; CMS_BENCH_EVENTS sets the event count (default 10,000). Everything runs on
@@ -49,6 +50,7 @@ struct Figures {
     long long rows = 0;
     double rowsPerSec = 0;
     double insertsPerSec = 0;
+    double firstLoginsPerSec = 0;
 };
 Figures g_fig;
 benchdb::Database g_db("msgload");
@@ -60,6 +62,8 @@ double Seconds(Clock::time_point start) {
 }
 
 std::string Serial(int device) { return "LD" + std::to_string(10000000 + device); }
+std::string OfflineSerial(int device) { return "OF" + std::to_string(10000000 + device); }
+constexpr unsigned kOfflineFlag = 0x10000;
 
 // ---- Database ----
 
@@ -81,7 +85,13 @@ std::string ChannelRow(int i) {
            std::to_string(i) + "',1)";
 }
 
-// The schema and 10,000 devices, each with video channel 1.
+// Off-line devices come after the others, so that lookups of those stay as they were.
+std::string OfflineDeviceRow(int i) {
+    return "(" + std::to_string(kDevices + i + 1) + ",'off" + std::to_string(i) + "','" +
+           OfflineSerial(i) + "',1,1,8000," + std::to_string(kOfflineFlag) + ")";
+}
+
+// The schema and 10,000 devices, each with video channel 1, and 10,000 off-line devices.
 bool Populate() {
     Mysql c = g_db.Connect(nullptr);
     return c && benchdb::Database::CreateSchema(c.get(), kDbName) &&
@@ -89,7 +99,9 @@ bool Populate() {
            InsertRows(c.get(), "insert into device(id,name,sn,regionid,ftype,port) values ",
                       kDevices, DeviceRow) &&
            InsertRows(c.get(), "insert into devicechan(id,devid,chan,name,hardwaretype) values ",
-                      kDevices, ChannelRow);
+                      kDevices, ChannelRow) &&
+           InsertRows(c.get(), "insert into device(id,name,sn,regionid,ftype,port,status) values ",
+                      kDevices, OfflineDeviceRow);
 }
 
 benchdb::Server* g_server = nullptr;
@@ -122,16 +134,27 @@ int ReadStates(CmsClient& link, int n) {
 
 // Link c carries devices c, c + 200, ...; the server attributes its events to the first of
 // them in catalogue order, device c (its channel 1).
-long long LoginSlice(int first, int last) {
+long long LoginSlice(std::vector<std::unique_ptr<CmsClient>>& links, std::string (*serial)(int),
+                     int first, int last) {
     const int perLink = kDevices / kConnections;
     for (int c = first; c < last; ++c)
         for (int k = 0; k < perLink; ++k) {
-            const cmsclient::Request r = cmsclient::Login(Serial(c + k * kConnections).c_str());
-            if (!g_links[c]->Send(r.head, r.payload)) return 0;
+            const cmsclient::Request r = cmsclient::Login(serial(c + k * kConnections).c_str());
+            if (!links[c]->Send(r.head, r.payload)) return 0;
         }
     long long ok = 0;
-    for (int c = first; c < last; ++c) ok += ReadStates(*g_links[c], perLink);
+    for (int c = first; c < last; ++c) ok += ReadStates(*links[c], perLink);
     return ok;
+}
+
+// kConnections new links to the server; empty when one could not connect.
+std::vector<std::unique_ptr<CmsClient>> OpenLinks() {
+    std::vector<std::unique_ptr<CmsClient>> links;
+    for (int c = 0; c < kConnections; ++c) {
+        links.push_back(std::make_unique<CmsClient>());
+        if (!links.back()->Connect("127.0.0.1", g_server->port())) return {};
+    }
+    return links;
 }
 
 // Alternates device-state events (link lost, back: each one a change the server records)
@@ -159,14 +182,10 @@ long long EventSlice(int first, int last, int perLink) {
 
 void BM_Logins(benchmark::State& state) {
     for (auto _ : state) {
-        g_links.clear();
-        for (int c = 0; c < kConnections; ++c) {
-            g_links.push_back(std::make_unique<CmsClient>());
-            if (!g_links.back()->Connect("127.0.0.1", g_server->port()))
-                return state.SkipWithError("connect failed");
-        }
+        g_links = OpenLinks();
+        if (g_links.empty()) return state.SkipWithError("connect failed");
         auto start = Clock::now();
-        long long ok = OverLinks(LoginSlice);
+        long long ok = OverLinks([](int a, int b) { return LoginSlice(g_links, Serial, a, b); });
         double secs = Seconds(start);
         state.SetIterationTime(secs);
         g_loggedIn = ok == kDevices;
@@ -229,6 +248,36 @@ void BM_InsertCeiling(benchmark::State& state) {
 }
 BENCHMARK(BM_InsertCeiling)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 
+// Each first login of an off-line device clears the flag, writes the status and adds a
+// "back on line" run-log row.
+void BM_FirstLogins(benchmark::State& state) {
+    Mysql db = g_db.Connect(kDbName);
+    if (!db) return state.SkipWithError("no database");
+    for (auto _ : state) {
+        std::vector<std::unique_ptr<CmsClient>> links = OpenLinks();
+        if (links.empty()) return state.SkipWithError("connect failed");
+        const long long before = Count(db.get(), "devrunlog");
+        auto start = Clock::now();
+        long long ok =
+            OverLinks([&links](int a, int b) { return LoginSlice(links, OfflineSerial, a, b); });
+        // A known device is answered before its rows are written, so the clock runs until
+        // the last run-log row is there.
+        long long rows = 0;
+        while ((rows = Count(db.get(), "devrunlog") - before) < kDevices &&
+               Seconds(start) < kReplyTimeoutMs / 1000.0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        double secs = Seconds(start);
+        state.SetIterationTime(secs);
+        if (ok != kDevices || rows != kDevices) {
+            std::fprintf(stderr, "msgload: %lld first logins answered, %lld rows\n", ok, rows);
+            return state.SkipWithError("not every first login was answered and logged");
+        }
+        g_fig.firstLoginsPerSec = ok / secs;
+        state.counters["first_logins_per_s"] = g_fig.firstLoginsPerSec;
+    }
+}
+BENCHMARK(BM_FirstLogins)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+
 void PrintFigures() {
     std::printf("\nmsgload: %d logins over %d connections: %.0f logins/s\n", kDevices, kConnections,
                 g_fig.loginsPerSec);
@@ -241,6 +290,10 @@ void PrintFigures() {
     if (g_fig.insertsPerSec > 0)
         std::printf("msgload: event rows/s against that ceiling: %.2f\n",
                     g_fig.rowsPerSec / g_fig.insertsPerSec);
+    std::printf(
+        "msgload: %d first logins of off-line devices (status update and run-log row "
+        "each): %.0f logins/s\n",
+        kDevices, g_fig.firstLoginsPerSec);
     std::fflush(stdout);  // before the database script prints its own lines
 }
 
