@@ -98,14 +98,23 @@ void BM_LookupBySerial(benchmark::State& state) {
 void BM_LookupByLogin(benchmark::State& state) {
     Lookups(state, [](int i) { return GetDeviceInfoByLogin(m_arrRecordInfos, i + 1); });
 }
+void BM_LookupByCode(benchmark::State& state) {
+    Lookups(state, [](int i) {
+        char code[32];
+        std::snprintf(code, sizeof(code), "CH%d",
+                      i * kChansPerDevice);  // a serial: code or serial matches
+        return GetVideoChanInfoByCode(m_arrVideoChanInfos, code);
+    });
+}
 BENCHMARK(BM_LookupById)->Iterations(kLookups)->UseRealTime();
+BENCHMARK(BM_LookupByCode)->Iterations(kLookups)->UseRealTime();
 BENCHMARK(BM_LookupBySerial)->Iterations(kLookups)->UseRealTime();
 BENCHMARK(BM_LookupByLogin)->Iterations(kLookups)->UseRealTime();
 
 void GiveLoginHandles() {
     CatalogWriteLock lock(csCatalog);
     int n = 0;
-    for (_hcrecord_Info* d : m_arrRecordInfos) d->lLoginID = ++n;
+    for (_hcrecord_Info* d : m_arrRecordInfos) CatalogSetLogin(*d, ++n);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <set>
+#include <unordered_set>
 #include <vector>
 
 #include "RUSKNetSDK.h"
@@ -50,11 +51,9 @@ void LoadRegions(CMysqlDB& db, std::vector<_msg_region_base*>& out) {
         out.push_back(root);
         GetRegions(root, all, out);
     }
-    for (_msg_region_base* r : all) {
-        bool kept = false;
-        for (_msg_region_base* o : out) kept = kept || o == r;
-        if (!kept) delete r;
-    }
+    const std::unordered_set<const _msg_region_base*> kept(out.begin(), out.end());
+    for (_msg_region_base* r : all)
+        if (!kept.count(r)) delete r;
 }
 
 // dev.xml is optional. Its templates serve the server's own RTSP plays and, handed to the
