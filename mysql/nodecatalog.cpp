@@ -1,6 +1,7 @@
 // Cascade node lists and region route paths.
 #include "mysql/nodecatalog.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -37,19 +38,25 @@ using NodeList = std::vector<node_info*>;
 // ---- Node construction ----
 
 // A node named as `named` says (a device or a channel record: name, serial, code) and
-// reached through the connection fields of device `dev`.
+// reached through the connection fields of device `dev`; every other field is zero.
+template <class Named>
+void FillNode(node_info& n, const Named& named, const _msg_recorddevice_base& dev, int type) {
+    n = node_info{};
+    btext::CopyField(n.szName, named.szName);
+    btext::CopyField(n.szSerial, named.szSerial);
+    btext::CopyField(n.szCode, named.szCode);
+    btext::CopyField(n.szIP, dev.szIP);
+    n.nPort = dev.nPort;
+    btext::CopyField(n.szUser, dev.szUser);
+    btext::CopyField(n.szPass, dev.szPass);
+    n.nftype = static_cast<int8_t>(dev.nServerType);
+    n.nType = type;
+}
+
 template <class Named>
 node_info* MakeNode(const Named& named, const _msg_recorddevice_base& dev, int type) {
     node_info* n = new node_info();
-    btext::CopyField(n->szName, named.szName);
-    btext::CopyField(n->szSerial, named.szSerial);
-    btext::CopyField(n->szCode, named.szCode);
-    btext::CopyField(n->szIP, dev.szIP);
-    n->nPort = dev.nPort;
-    btext::CopyField(n->szUser, dev.szUser);
-    btext::CopyField(n->szPass, dev.szPass);
-    n->nftype = static_cast<int8_t>(dev.nServerType);
-    n->nType = type;
+    FillNode(*n, named, dev, type);
     return n;
 }
 
@@ -57,12 +64,18 @@ node_info* MakeDeviceNode(const _msg_recorddevice_base& dev, int type) {
     return MakeNode(dev, dev, type);
 }
 
+void FillRegionFolder(node_info& n, const _msg_region_base& region,
+                      const _msg_region_base* parent) {
+    n = node_info{};
+    btext::CopyField(n.szName, region.szName);
+    btext::CopyField(n.szCode, region.szSerial);
+    if (parent) btext::CopyField(n.szParentCode, parent->szSerial);
+    n.nType = kFolderNode;
+}
+
 node_info* MakeRegionFolder(const _msg_region_base& region, const _msg_region_base* parent) {
     node_info* n = new node_info();
-    btext::CopyField(n->szName, region.szName);
-    btext::CopyField(n->szCode, region.szSerial);
-    if (parent) btext::CopyField(n->szParentCode, parent->szSerial);
-    n->nType = kFolderNode;
+    FillRegionFolder(*n, region, parent);
     return n;
 }
 
@@ -210,13 +223,6 @@ int GetServerNodeFromGroup(const char* code, char*& buf, int& len) {
     return PackNodeList(nodes.v, adjust, buf, len);
 }
 
-int GetServerNodeFromRegion(const char* code, int flag, char*& buf, int& len) {
-    OwnedList<node_info> nodes;
-    if (!GetCmsNodesFromSystem(flag, nodes.v)) return 0;
-    return PackNodeList(
-        nodes.v, [](node_info&) {}, buf, len);
-}
-
 // ---- Share list ----
 
 int GetDomainChanFromDB(const char* code, std::vector<_msg_domain_chan_v2*>& out) {
@@ -317,55 +323,108 @@ int GetNodesFromCMS(const char* code, int flag, std::vector<node_info*>& out) {
 
 namespace {
 
-// `listed`: the regions of the list by id (first in list order); `all`: every region by id.
-void AppendCmsDevices(const IdMap<_msg_region_base>& listed, NodeList& out) {
+// Walks the whole catalogue in list order, handing each node to `sink`: first
+// sink.Reserve(the most nodes there can be), then Folder for each region folder and
+// Member for each device and channel. False without a root region. Needs the read lock.
+template <class Sink>
+bool WalkCmsNodes(int flag, Sink& sink) {
+    _msg_region_base* root = GetRootRegion(m_arrRegionInfos);
+    if (!root) return false;
+    std::vector<_msg_region_base*> regions{root};
+    GetRegions(root, m_arrRegionInfos, regions);
+    const IdMap<_msg_region_base> all = FirstById(m_arrRegionInfos, RegionIdOf);
+    const IdMap<_msg_region_base> listed = FirstById(regions, RegionIdOf);
+    const IdMap<_hcrecord_Info> devices = FirstById(m_arrRecordInfos, DeviceIdOf);
+    sink.Reserve(regions.size() + m_arrRecordInfos.size() + m_arrVideoChanInfos.size());
+
+    node_info n;
+    if (flag == 0) {
+        // The root itself is never sent: the upper domain is its parent.
+        for (const _msg_region_base* r : regions) {
+            const _msg_region_base* parent = Find(all, r->nParentID);
+            if (!parent) continue;
+            FillRegionFolder(n, *r, parent);
+            sink.Folder(n);
+        }
+    }
     for (const _hcrecord_Info* d : m_arrRecordInfos) {
         if (d->dev.nHardType != kListedHardType || d->dev.szCode[0] == '\0') continue;
         const _msg_region_base* region = Find(listed, d->dev.nRegionID);
         if (!region) continue;
-        node_info* n = MakeDeviceNode(d->dev, kCmsDevice);
-        btext::CopyField(n->szParentCode, region->szSerial);
-        out.push_back(n);
+        FillNode(n, d->dev, d->dev, kCmsDevice);
+        btext::CopyField(n.szParentCode, region->szSerial);
+        sink.Member(n);
     }
-}
-
-// A channel's region is looked up among all regions, not only the listed ones: channels
-// of devices outside the root's tree have always been sent.
-void AppendCmsChannels(const IdMap<_msg_region_base>& all, NodeList& out) {
-    const IdMap<_hcrecord_Info> devices = FirstById(m_arrRecordInfos, DeviceIdOf);
+    // A channel's region is looked up among all regions, not only the listed ones:
+    // channels of devices outside the root's tree have always been sent.
     for (const _msg_video_record_base* c : m_arrVideoChanInfos) {
         if (c->nType != kListedHardType || c->szCode[0] == '\0') continue;
         const _hcrecord_Info* d = Find(devices, c->nDeviceID);
         if (!d) continue;
         const _msg_region_base* region = Find(all, d->dev.nRegionID);
         if (!region) continue;
-        node_info* n = MakeNode(*c, d->dev, kCmsChannel);
-        btext::CopyField(n->szParentCode, region->szSerial);
-        out.push_back(n);
+        FillNode(n, *c, d->dev, kCmsChannel);
+        btext::CopyField(n.szParentCode, region->szSerial);
+        sink.Member(n);
     }
+    return true;
 }
+
+// Heap nodes for GetCmsNodesFromSystem: folders in front of what the list held.
+struct ListSink {
+    NodeList& out;
+    NodeList folders;
+
+    void Reserve(size_t) {}
+    void Folder(const node_info& n) { folders.push_back(new node_info(n)); }
+    void Member(const node_info& n) { out.push_back(new node_info(n)); }
+    void Finish() { out.insert(out.begin(), folders.begin(), folders.end()); }
+};
+
+// Packs straight into the wire block, as PackNodeList does from a list: a whole catalogue
+// is too large for a heap node per record on the way.
+struct PackSink {
+    std::unique_ptr<char[]> block;  // room for the bound; only what is used gets touched
+    size_t count = 0;               // nodes seen, coded or not
+    size_t used = 0;                // slots written
+
+    void Reserve(size_t bound) {
+        block.reset(new char[std::max<size_t>(bound, 1) * NODE_INFO_SIZE]);
+    }
+    void Folder(const node_info& n) { Add(n); }
+    void Member(const node_info& n) { Add(n); }
+    void Add(const node_info& n) {
+        ++count;
+        if (n.szCode[0] == '\0') return;
+        PackNodeInfo(n, reinterpret_cast<unsigned char*>(block.get()) + used++ * NODE_INFO_SIZE);
+    }
+    int Finish(char*& buf, int& len) {
+        if (count == 0) return 1;
+        if (count > static_cast<size_t>(INT_MAX / NODE_INFO_SIZE) || used == 0) return 0;
+        std::memset(block.get() + used * NODE_INFO_SIZE, 0, (count - used) * NODE_INFO_SIZE);
+        buf = block.release();
+        len = static_cast<int>(count * NODE_INFO_SIZE);
+        return 1;
+    }
+};
 
 }  // namespace
 
 int GetCmsNodesFromSystem(int flag, std::vector<node_info*>& out) {
+    ListSink sink{out, {}};
     CatalogReadLock lock(csCatalog);
-    _msg_region_base* root = GetRootRegion(m_arrRegionInfos);
-    if (!root) return 0;
-    std::vector<_msg_region_base*> regions{root};
-    GetRegions(root, m_arrRegionInfos, regions);
-    const IdMap<_msg_region_base> all = FirstById(m_arrRegionInfos, RegionIdOf);
-
-    NodeList folders;
-    if (flag == 0) {
-        // The root itself is never sent: the upper domain is its parent.
-        for (const _msg_region_base* r : regions)
-            if (const _msg_region_base* parent = Find(all, r->nParentID))
-                folders.push_back(MakeRegionFolder(*r, parent));
-    }
-    out.insert(out.begin(), folders.begin(), folders.end());
-    AppendCmsDevices(FirstById(regions, RegionIdOf), out);
-    AppendCmsChannels(all, out);
+    if (!WalkCmsNodes(flag, sink)) return 0;
+    sink.Finish();
     return 1;
+}
+
+int GetServerNodeFromRegion(const char* /*code*/, int flag, char*& buf, int& len) {
+    PackSink sink;
+    {
+        CatalogReadLock lock(csCatalog);
+        if (!WalkCmsNodes(flag, sink)) return 0;
+    }
+    return sink.Finish(buf, len);
 }
 
 // ---- Group list ----
