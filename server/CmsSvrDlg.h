@@ -111,7 +111,7 @@ private:
     std::thread m_msgThread;   // maintenance thread
     std::mutex m_msgWaitLock;  // with m_msgWake: cuts its pause short on stop
     std::condition_variable m_msgWake;
-    // Blocking message work; drained whenever the message server stops. Threads: enough
-    // that sub-servers that do not answer (10 s each) leave room for database work.
-    ClientQueues m_clientWork{32};
+    // Blocking message work; drained whenever the message server stops. Few threads: more
+    // only compete with the listener's threads for the cores during a login flood.
+    ClientQueues m_clientWork{8};
 };

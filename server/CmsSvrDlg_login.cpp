@@ -33,12 +33,28 @@ bool ClearOfflineFlag(Status& status) {
     return true;
 }
 
+// Whether the catalogue holds a node of `serial`, under the read lock: most logins of a
+// flood are of serials the catalogue lacks, and they need not wait for one another.
+template <class Find, class V>
+bool Known(const char* serial, Find find, const V& v) {
+    CatalogReadLock lock(csCatalog);
+    return find(serial, v) != nullptr;
+}
+
+_domain_info* DomainBySerial(const char* serial, const std::vector<_domain_info*>& v) {
+    return GetDomainInfoBySerial(v, serial);
+}
+_hcrecord_Info* DeviceBySerial(const char* serial, const std::vector<_hcrecord_Info*>& v) {
+    return GetDeviceInfoBySerial(v, serial);
+}
+
 // Marks `s` (or the server with `serial` when `s` is null) as logged in; `copy` receives
 // the record as it is then. For a record that AddNodeFromSerial returned, whose serial may be
 // spelt otherwise than the login's (the database compares without letter case or trailing
 // blanks), so a second look-up by the login's serial would miss it.
 bool LoginServer(const char* serial, _sysserver_info* s, int clientId, _sysserver_info& copy,
                  bool& backOnline) {
+    if (!s && !Known(serial, GetSystemSvrBySerial, m_arrServerFromDB)) return false;
     CatalogWriteLock lock(csCatalog);
     if (!s) s = GetSystemSvrBySerial(serial, m_arrServerFromDB);
     if (!s) return false;
@@ -57,6 +73,7 @@ struct DomainLogin {
 
 // As LoginServer.
 bool LoginDomain(const char* serial, _domain_info* d, int clientId, DomainLogin& out) {
+    if (!d && !Known(serial, DomainBySerial, m_arrDomainFromDB)) return false;
     CatalogWriteLock lock(csCatalog);
     if (!d) d = GetDomainInfoBySerial(m_arrDomainFromDB, serial);
     if (!d) return false;
@@ -193,6 +210,7 @@ SerialGuard::~SerialGuard() {
 }
 
 bool TakeDeviceLogin(const char* serial, _hcrecord_Info* d, int clientId, DeviceLogin& out) {
+    if (!d && !Known(serial, DeviceBySerial, m_arrRecordInfos)) return false;
     CatalogWriteLock lock(csCatalog);
     if (!d) d = GetDeviceInfoBySerial(m_arrRecordInfos, serial);
     if (!d) return false;
