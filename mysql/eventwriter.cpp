@@ -50,11 +50,10 @@ std::string Escaped(CMysqlDB& db, const char* text) {
     return out;
 }
 
-// The common shape of every insert into `table`: under `cs`, connect, let `build` print
-// the statement into a zeroed buffer (false: refuse), run it and hand back the new id.
+// The common shape of every insert into `table`: connect, let `build` print the statement
+// into a zeroed buffer (false: refuse), run it under `cs` and hand back the new id.
 template <class Build>
 int64_t InsertRow(std::mutex& cs, const char* table, bool echo, Build build) {
-    std::lock_guard<std::mutex> lock(cs);
     CMysqlDB db;
     if (!ConnectDB(&db)) return 0;
     ConnectionGuard guard{&db};
@@ -63,7 +62,11 @@ int64_t InsertRow(std::mutex& cs, const char* table, bool echo, Build build) {
     if (echo) std::printf("alarm:%s\n", sql);
     // The id column is the server's to fill, so the reply's id is the row's.
     int64_t id = 0;
-    if (!db.ExecuteInsert(sql, id)) return 0;
+    {
+        // Only the insert itself is serialised: borrowing and composing need no turn.
+        std::lock_guard<std::mutex> lock(cs);
+        if (!db.ExecuteInsert(sql, id)) return 0;
+    }
     metrics::CountRowWritten(table);
     return id;
 }

@@ -2,8 +2,8 @@
 // over a pooled connection (mysql/dbpool.h) in one round trip, plus the readers of the
 // analytics alarm log.
 //
-// Locks: each log-table family has its own mutex, held across borrow, insert and return,
-// so at most one insert per family is in flight while families run in parallel. The
+// Locks: each log-table family has its own mutex, held across the insert's round trip, so
+// at most one insert per family is in flight while families run in parallel. The
 // status update and the readers take no lock.
 //
 // Failures are reported only as a 0 id (or false): nothing is retried or queued, so an
