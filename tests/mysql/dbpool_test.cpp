@@ -51,6 +51,7 @@ TEST_F(DbPool, ReusedConnectionsCarryNothingFromTheLastBorrower) {
     // Neither an earlier insert id nor session state reaches the next borrower.
     EXPECT_EQ(0, AddRecordBySQL(&std::string("update a set name = 'y'")[0]));
     EXPECT_EQ("0", Ask("select last_insert_id() v"));
+    EXPECT_EQ(first, Ask("select connection_id() v"));  // clearing the id keeps it reusable
     EXPECT_TRUE(OperateDBBySQL("set @mark = 5"));
     EXPECT_EQ("", Ask("select @mark v"));  // NULL reads as empty
     EXPECT_TRUE(OperateDBBySQL("start transaction"));
