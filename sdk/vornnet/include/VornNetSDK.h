@@ -70,6 +70,17 @@ void VornNetSDK_destroy(void);
  * dropped (default 30000 ms; a value <= 0 restores the default). Applies at once. In
  * HTTP mode the request is pending from the moment of connecting until it is whole. */
 void VornNetSDK_SetFrameTimeout(int milliseconds);
+/* Networks allowed to connect to listeners on `port`: entries "a.b.c.d/n", "x:y::/n" or a
+ * bare address, separated by blanks, commas or semicolons. NULL or an empty text allows
+ * everyone (the default). A client from elsewhere is closed as soon as it is accepted,
+ * before any byte is read; each refused address is printed at most once a minute. Set it
+ * before VornStartServer so that no client slips in first; applies to later accepts.
+ * Returns 1, or 0 (and the old list stays) when an entry cannot be read. */
+int VornNetSDK_SetAllowList(int port, const char* networks);
+/* Open connections of all listeners together (default 10000; <= 0 restores it). The
+ * limit is lowered further to what the process's descriptor limit leaves after a reserve
+ * for files and database connections. Clients beyond it are closed at once. */
+void VornNetSDK_SetMaxClients(int count);
 
 /* Listens on `port` (all interfaces, address reuse on; 0 picks a free port). Returns a
  * server handle > 0, or -1 when the port cannot be bound or the mode is not served. */

@@ -118,14 +118,17 @@ void Connection::OnRead(const std::error_code& ec, size_t n) {
         return;
     }
     if (m_closed) return;
-    bool intact = m_codec->Consume(m_readBuffer.data(), n, [this](std::vector<uint8_t>&& message) {
-        Deliver(std::move(message));
-    });
+    bool delivered = false;
+    bool intact = m_codec->Consume(m_readBuffer.data(), n,
+                                   [this, &delivered](std::vector<uint8_t>&& message) {
+                                       delivered = true;
+                                       Deliver(std::move(message));
+                                   });
     if (!intact) {
         Refuse();
         return;
     }
-    TouchIdleTimer();
+    TouchIdleTimer(delivered);
     if (PauseForBacklog()) return;
     DoRead();
 }
@@ -214,14 +217,19 @@ void Connection::MessageDone(size_t bytes) {
     }
 }
 
-// A client may sit silent between messages for as long as it likes; only half a frame
-// left hanging counts as idle. One timer is kept armed and re-checks the time of the
-// last read when it fires, instead of being re-armed on every read.
-void Connection::TouchIdleTimer() {
-    m_lastRead = std::chrono::steady_clock::now();
-    if (m_idleArmed || !m_codec->HasPartial()) return;
+// A client may sit silent between messages for as long as it likes, but a frame, once
+// begun, must be whole within the stall time: a client that trickles a byte now and then
+// would otherwise hold its connection forever. One timer is kept armed and re-checks the
+// start of the pending frame when it fires, instead of being re-armed on every read.
+void Connection::TouchIdleTimer(bool delivered) {
+    const bool partial = m_codec->HasPartial();
+    // A frame that began in this read (after the last one ended) starts its clock now.
+    if (!m_framePending || delivered) m_frameStart = std::chrono::steady_clock::now();
+    m_framePending = partial;
+    if (m_idleArmed || !partial) return;
     m_idleArmed = true;
-    m_idleTimer.expires_after(std::chrono::milliseconds(Engine::Get().FrameTimeoutMs()));
+    m_idleTimer.expires_at(m_frameStart +
+                           std::chrono::milliseconds(Engine::Get().FrameTimeoutMs()));
     m_idleTimer.async_wait(
         [self = shared_from_this()](const std::error_code& ec) { self->OnIdleTimer(ec); });
 }
@@ -231,17 +239,17 @@ void Connection::OnIdleTimer(const std::error_code& ec) {
     if (ec || m_closed || !m_codec->HasPartial()) return;
     auto timeout = std::chrono::milliseconds(Engine::Get().FrameTimeoutMs());
     auto now = std::chrono::steady_clock::now();
-    // While reading waits for a slow callback the silence is ours, not the client's.
-    if (m_readPaused.load()) m_lastRead = now;
-    if (now - m_lastRead >= timeout) {
+    // While reading waits for a slow callback the delay is ours, not the client's.
+    if (m_readPaused.load()) m_frameStart = now;
+    if (now - m_frameStart >= timeout) {
         char why[80];
-        snprintf(why, sizeof why, "no data for %d ms inside a frame",
+        snprintf(why, sizeof why, "frame not whole within %d ms",
                  static_cast<int>(timeout.count()));
         CloseNow(why);
         return;
     }
     m_idleArmed = true;
-    m_idleTimer.expires_at(m_lastRead + timeout);
+    m_idleTimer.expires_at(m_frameStart + timeout);
     m_idleTimer.async_wait(
         [self = shared_from_this()](const std::error_code& ec) { self->OnIdleTimer(ec); });
 }

@@ -66,7 +66,8 @@ private:
     void Refuse();
     void OnDrainRead(const std::error_code& ec, size_t n);
     bool PauseForBacklog();
-    void TouchIdleTimer();
+    // `delivered`: the read just handled completed at least one message.
+    void TouchIdleTimer(bool delivered = false);
     void OnIdleTimer(const std::error_code& ec);
     void Enqueue(OutFrame&& frame);
     void DoWrite();
@@ -97,7 +98,8 @@ private:
     asio::steady_timer m_idleTimer;
     asio::steady_timer m_closeTimer;
     std::array<uint8_t, 64 * 1024> m_readBuffer;
-    std::chrono::steady_clock::time_point m_lastRead;
+    std::chrono::steady_clock::time_point m_frameStart;  // of the pending frame
+    bool m_framePending = false;
     bool m_idleArmed = false;
     std::deque<OutFrame> m_outQueue;  // front is being written while m_writing
     size_t m_outBytes = 0;            // bytes of every frame in m_outQueue

@@ -11,6 +11,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "guard.h"
 #include "workerpool.h"
 
 namespace vorn {
@@ -45,6 +46,9 @@ public:
     void UnregisterClient(int id);
     std::shared_ptr<Connection> FindClient(int id);
 
+    // Allow-lists and the connection limit, shared by every listener.
+    Guard& Access() { return m_guard; }
+
     int FrameTimeoutMs() const { return m_frameTimeoutMs.load(); }
     void SetFrameTimeoutMs(int ms) { m_frameTimeoutMs.store(ms); }
 
@@ -60,6 +64,7 @@ private:
     asio::io_context m_io;          // sockets, timers
     asio::io_context m_callbackIo;  // user callbacks of message connections
     WorkerPool m_workers{kMaxRequestWorkers};
+    Guard m_guard;
 
     std::mutex m_lifeMutex;  // guards the threads and work guards
     std::optional<WorkGuard> m_ioWork;

@@ -12,6 +12,9 @@ namespace {
 // Pause before accepting again after a failure such as running out of descriptors, so
 // the listener does not spin.
 constexpr auto kAcceptRetry = std::chrono::milliseconds(100);
+// Connections taken from the kernel's queue in one go before the listener lets the other
+// socket work run.
+constexpr int kAcceptBatch = 256;
 }  // namespace
 
 Listener::Listener(CodecFactory codec, Hooks hooks)
@@ -31,6 +34,7 @@ std::shared_ptr<Listener> Listener::Open(int port, CodecFactory codec, Hooks hoo
     if (!ec) acceptor.set_option(asio::socket_base::reuse_address(true), ec);
     if (!ec) acceptor.bind(endpoint, ec);
     if (!ec) acceptor.listen(asio::socket_base::max_listen_connections, ec);
+    if (!ec) acceptor.non_blocking(true, ec);  // for TakeWaiting
     if (!ec) listener->m_port = acceptor.local_endpoint(ec).port();
     if (ec) {
         error = ec.message();
@@ -59,9 +63,29 @@ void Listener::OnAccept(const std::error_code& ec, asio::ip::tcp::socket socket)
         RetryAccept();
         return;
     }
+    if (!Take(std::move(socket))) return;
+    TakeWaiting();
+}
+
+// Each completion of an asynchronous accept waits its turn behind the socket work of every
+// client, so during a burst of thousands of connections one accept per turn leaves a
+// newcomer in the kernel's queue for seconds. What is waiting there already is taken now.
+void Listener::TakeWaiting() {
+    for (int i = 0; i < kAcceptBatch; ++i) {
+        asio::ip::tcp::socket socket(asio::make_strand(Engine::Get().Io()));
+        std::error_code ec;
+        m_acceptor.accept(socket, ec);  // non-blocking: would_block once the queue is empty
+        if (ec) break;                  // a real failure shows again on the next async accept
+        if (!Take(std::move(socket))) return;
+    }
+    DoAccept();
+}
+
+bool Listener::Take(asio::ip::tcp::socket socket) {
+    Engine& engine = Engine::Get();
+    if (!Admit(socket)) return true;
     std::error_code ignored;
     socket.set_option(asio::ip::tcp::no_delay(true), ignored);
-    Engine& engine = Engine::Get();
     int id = engine.NextClientId();
     auto connection = std::make_shared<Connection>(
         id, std::move(socket), m_codec(), shared_from_this(), m_hooks, engine.CallbackIo());
@@ -72,12 +96,36 @@ void Listener::OnAccept(const std::error_code& ec, asio::ip::tcp::socket socket)
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_stopping) {
             engine.UnregisterClient(id);
-            return;  // never reported: the client was not announced to anyone yet
+            engine.Access().Release();
+            return false;  // never reported: the client was not announced to anyone yet
         }
         m_clients.emplace(id, connection);
     }
     connection->Start();
-    DoAccept();
+    return true;
+}
+
+// A client outside the port's allow-list, or beyond the connection limit, is closed at
+// once without a word; each address is printed at most once a minute.
+bool Listener::Admit(asio::ip::tcp::socket& socket) {
+    Guard& guard = Engine::Get().Access();
+    std::error_code ec;
+    const asio::ip::tcp::endpoint peer = socket.remote_endpoint(ec);
+    const char* why = nullptr;
+    if (ec) {
+        why = "";  // already gone
+    } else if (!guard.Allows(m_port, peer.address())) {
+        why = "not in the allow-list";
+    } else if (!guard.Reserve()) {
+        why = "too many connections";
+    }
+    if (!why) return true;
+    if (*why && guard.ShouldPrint(peer.address())) {
+        printf("vornnet: port %d refused %s: %s\n", m_port, peer.address().to_string().c_str(),
+               why);
+    }
+    socket.close(ec);
+    return false;
 }
 
 void Listener::RetryAccept() {
@@ -113,7 +161,7 @@ void Listener::Stop() {
 
 void Listener::ConnectionFinished(int clientId) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_clients.erase(clientId);
+    if (m_clients.erase(clientId) > 0) Engine::Get().Access().Release();
     if (m_clients.empty()) m_drained.notify_all();
 }
 

@@ -35,6 +35,12 @@ private:
     void DoAccept();
     void OnAccept(const std::error_code& ec, asio::ip::tcp::socket socket);
     void RetryAccept();
+    // Accepts what waits in the kernel's queue at once, then waits asynchronously again.
+    void TakeWaiting();
+    // Sets up an accepted client; false when the listener is stopping.
+    bool Take(asio::ip::tcp::socket socket);
+    // False when the new client is refused (it is closed then).
+    bool Admit(asio::ip::tcp::socket& socket);
 
     // Fixed after Open.
     const CodecFactory m_codec;

@@ -44,6 +44,12 @@ void VornNetSDK_SetFrameTimeout(int milliseconds) {
     Engine::Get().SetFrameTimeoutMs(milliseconds > 0 ? milliseconds : 30000);
 }
 
+int VornNetSDK_SetAllowList(int port, const char* networks) {
+    return Engine::Get().Access().SetAllowList(port, networks ? networks : "") ? 1 : 0;
+}
+
+void VornNetSDK_SetMaxClients(int count) { Engine::Get().Access().SetMaxClients(count); }
+
 int VornStartServer(int port, int mode, VornServerCallBack callback, void* user) {
     if (callback == nullptr || port < 0 || port > 65535) return -1;
     const vorn::Mode* form = vorn::FindMode(mode);
