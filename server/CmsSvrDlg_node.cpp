@@ -2,7 +2,9 @@
 // (GB28181-style codes), inserted into the database and mirrored in the catalogue.
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -40,18 +42,35 @@ void CopyName(char (&out)[sizeof(_msg_region_base::szName)], const char* name) {
     out[n] = '\0';
 }
 
-void AppendRegion(int id, const char* name, const char* serial, int type, int parent) {
-    auto* r = new _msg_region_base{};
+std::unique_ptr<_msg_region_base> NewRegion(int id, const char* name, const char* serial, int type,
+                                            int parent) {
+    auto r = std::make_unique<_msg_region_base>();
     r->nID = id;
     CopyName(r->szName, name);
     CopyText(r->szSerial, serial);
     r->nType = type;
     r->nParentID = parent;
+    return r;
+}
+
+void AppendRegion(int id, const char* name, const char* serial, int type, int parent) {
+    auto r = NewRegion(id, name, serial, type, parent);
     CatalogWriteLock lock(csCatalog);
-    m_arrRegionInfos.push_back(r);
+    m_arrRegionInfos.push_back(r.release());
 }
 
 int RegionId(_msg_region_base* r) { return r ? r->nID : 0; }
+
+// The statements that create the root and a typed region. A push that creates one keeps its
+// text as the node statement (see InsertGbNode).
+void RootRegionSql(char* sql, size_t size) {
+    std::snprintf(sql, size, "insert into region(name) values (\"%s\")", ROOT_REGION_NAME);
+}
+
+void TypedRegionSql(char* sql, size_t size, int type, const char* name, int rootId) {
+    std::snprintf(sql, size, "insert into region(name,parentid,regtype) values(\"%s\",%d,%d)", name,
+                  rootId, type);
+}
 
 _hcrecord_Info* KnownRecord(const std::vector<_hcrecord_Info*>& v, const _hcrecord_Info* r) {
     return GetDeviceInfoByID(v, r->dev.nID);
@@ -168,8 +187,66 @@ bool ChannelExists(const char* serial) {
 }
 
 int NonstandardRegion(CMysqlDB& db, PushedNode& p) {
-    return EnsureTypedRegion(db, REGION_TYPE_NONSTANDARD, NONSTANDARD_REGION_NAME, p.rootId,
-                             &p.lastRegionInsert);
+    int created = 0;
+    int id =
+        EnsureTypedRegion(db, REGION_TYPE_NONSTANDARD, NONSTANDARD_REGION_NAME, p.rootId, &created);
+    if (created) {
+        p.lastRegionInsert = created;
+        TypedRegionSql(p.sql, sizeof(p.sql), REGION_TYPE_NONSTANDARD, NONSTANDARD_REGION_NAME,
+                       p.rootId);
+    }
+    return id;
+}
+
+// ---- Re-pushed nodes ----
+// A lower domain re-pushes its whole tree on every reconnect: a region or device whose code
+// already has a row in the same domain updates that row instead of adding another.
+
+// The id of the row of `table` holding the pushed code in the pushed domain; 0 when none.
+int ExistingRow(CMysqlDB& db, const char* table, const PushedNode& p) {
+    char sql[256];
+    std::snprintf(sql, sizeof(sql),
+                  "select id from %s where scode='%s' and domainid=%d order by id limit 1", table,
+                  p.escCode, p.domainId);
+    CMysqlRecordSet rs;
+    char id[24] = {};
+    if (!rs.Open(&db, sql)) return 0;
+    if (rs.MoveNext()) rs.GetFieldValue("id", id);
+    rs.Close();
+    return std::atoi(id);
+}
+
+// The catalogue mirror of a re-pushed row (a region record of the row's id and the code)
+// takes the new name and parent; one missing since a reload is added as an insert adds it.
+// A device row loaded as a device record takes them too.
+void RefreshMirror(int id, const PushedNode& p, int parentId, bool device) {
+    auto fresh = NewRegion(id, p.name, p.node.szCode, 0, parentId);
+    CatalogWriteLock lock(csCatalog);
+    if (device)
+        if (_hcrecord_Info* d = GetDeviceInfoByID(m_arrRecordInfos, id)) {
+            CopyText(d->dev.szName, p.name);
+            d->dev.nRegionID = parentId;
+        }
+    _msg_region_base* r = GetRegionInfobySerial(m_arrRegionInfos, p.node.szCode);
+    if (!r || r->nID != id) r = GetRegionInfobyID(m_arrRegionInfos, id);
+    if (r && r->nID == id && std::strcmp(r->szSerial, p.node.szCode) == 0) {
+        CopyName(r->szName, p.name);
+        r->nParentID = parentId;
+        return;
+    }
+    m_arrRegionInfos.push_back(fresh.release());
+}
+
+// Updates row `id` with the statement in p.sql; the id, or 0 when it failed.
+long UpdateExisting(CMysqlDB& db, PushedNode& p, int id, int parentId, bool device) {
+    if (!db.Execute(p.sql)) return 0;
+    RefreshMirror(id, p, parentId, device);
+    return id;
+}
+
+void ComposeRegionUpdate(PushedNode& p, int id, int parentId) {
+    std::snprintf(p.sql, sizeof(p.sql), "update region set name=\"%s\",parentid=%d where id=%d",
+                  p.escName, parentId, id);
 }
 
 // The parent code of a 20-character code: the pushed one, else the code up to its first "00".
@@ -189,7 +266,9 @@ void GbParentCode(const _msg_domain_info& n, char (&out)[sizeof(n.szCode)]) {
 int ShiftedStatus(int status) { return static_cast<int>(static_cast<uint32_t>(status) << 16); }
 
 // Below a known device a 20-character code is one of its channels, otherwise a device.
-void ComposeGbDeviceOrChannel(PushedNode& p, const char* parentCode, int parentId) {
+// Sets `existing` to the id of the device row a re-push updates.
+void ComposeGbDeviceOrChannel(CMysqlDB& db, PushedNode& p, const char* parentCode, int parentId,
+                              int& existing) {
     const _msg_domain_info& n = p.node;
     int deviceId = 0;
     if (DeviceIdBySerial(parentCode, deviceId)) {
@@ -201,6 +280,12 @@ void ComposeGbDeviceOrChannel(PushedNode& p, const char* parentCode, int parentI
                       "values('%s',1,'%s','%s',%d,%d,%d)",
                       p.escName, p.escCode, p.escCode, p.lastRegionInsert, p.domainId,
                       ShiftedStatus(n.nStatus));
+        return;
+    }
+    if ((existing = ExistingRow(db, "device", p))) {
+        std::snprintf(p.sql, sizeof(p.sql),
+                      "update device set name='%s',regionid=%d,status=%d where id=%d", p.escName,
+                      parentId, ShiftedStatus(n.nStatus), existing);
         return;
     }
     std::snprintf(p.sql, sizeof(p.sql),
@@ -215,15 +300,22 @@ long InsertGbNode(CMysqlDB& db, PushedNode& p) {
     GbParentCode(p.node, parentCode);
     int parentId = RegionIdBySerial(parentCode);
     if (!parentId && !(parentId = NonstandardRegion(db, p))) return 0;
-    if (IsNodeGbRegion(p.node.szCode) == 1)
+    int existing = 0;
+    const bool region = IsNodeGbRegion(p.node.szCode) == 1;
+    if (region && (existing = ExistingRow(db, "region", p)))
+        ComposeRegionUpdate(p, existing, parentId);
+    else if (region)
         std::snprintf(p.sql, sizeof(p.sql),
                       "insert into region(name,sn,scode,parentid,domainid) values "
                       "(\"%s\",\"%s\",\"%s\",%d,%d)",
                       p.escName, p.escCode, p.escCode, parentId, p.domainId);
     else
-        ComposeGbDeviceOrChannel(p, parentCode, parentId);
+        ComposeGbDeviceOrChannel(db, p, parentCode, parentId, existing);
+    // An existing channel composes nothing: the statement is then whatever region insert
+    // this call made (run once more), or empty.
     printf("insert node %s \n", p.sql);
     if (!p.sql[0]) return 0;  // an empty statement inserts nothing
+    if (existing) return UpdateExisting(db, p, existing, parentId, !region);
     long id = static_cast<long>(InsertRow(db, p.sql));
     // The catalogue mirrors every pushed node as a region, whichever table took the row.
     if (id) AppendRegion(static_cast<int>(id), p.name, p.node.szCode, 0, parentId);
@@ -244,6 +336,10 @@ long InsertShortCodeRegion(CMysqlDB& db, PushedNode& p) {
         if (!parentId) parentId = RegionIdByType(REGION_TYPE_NONSTANDARD);
     }
     if (!parentId && !(parentId = NonstandardRegion(db, p))) return 0;
+    if (int existing = ExistingRow(db, "region", p)) {
+        ComposeRegionUpdate(p, existing, parentId);
+        return UpdateExisting(db, p, existing, parentId, false);
+    }
     std::snprintf(p.sql, sizeof(p.sql),
                   "insert into region(name,sn,scode,parentid,domainid,usecode) values "
                   "(\"%s\",\"%s\",\"%s\",%d,%d,1)",
@@ -265,8 +361,13 @@ long InsertOwnChannel(CMysqlDB& db, PushedNode& p) {
 }
 
 long InsertPushedNode(CMysqlDB& db, PushedNode& p) {
-    p.rootId = EnsureRootRegion(db, &p.lastRegionInsert);
+    int created = 0;
+    p.rootId = EnsureRootRegion(db, &created);
     if (!p.rootId) return 0;
+    if (created) {
+        p.lastRegionInsert = created;
+        RootRegionSql(p.sql, sizeof(p.sql));
+    }
     if (!FindDomainIdByCode(p.node.szDomainCode, p.domainId)) return InsertOwnChannel(db, p);
     const size_t len = std::strlen(p.node.szCode);
     if (len == 0 || len > kGbCodeLength) return 0;
@@ -293,7 +394,7 @@ int EnsureRootRegion(CMysqlDB& db, int* inserted) {
         if (_msg_region_base* root = GetRootRegion(m_arrRegionInfos)) return root->nID;
     }
     char sql[256];
-    std::snprintf(sql, sizeof(sql), "insert into region(name) values (\"%s\")", ROOT_REGION_NAME);
+    RootRegionSql(sql, sizeof(sql));
     int id = static_cast<int>(InsertRow(db, sql));
     if (!id) return 0;
     AppendRegion(id, ROOT_REGION_NAME, "", 0, 0);
@@ -305,9 +406,7 @@ int EnsureTypedRegion(CMysqlDB& db, int type, const char* name, int rootId, int*
     std::lock_guard<std::mutex> create(csRegionCreate);
     if (int id = RegionIdByType(type)) return id;
     char sql[256];
-    std::snprintf(sql, sizeof(sql),
-                  "insert into region(name,parentid,regtype) values(\"%s\",%d,%d)", name, rootId,
-                  type);
+    TypedRegionSql(sql, sizeof(sql), type, name, rootId);
     int id = static_cast<int>(InsertRow(db, sql));
     if (!id) return 0;
     AppendRegion(id, name, "", type, rootId);

@@ -25,6 +25,7 @@ protected:
             "insert into domaininfo(id,sn,s_code) values (1,'DOMSN','" + std::string(kDomain) +
             "');"
             "insert into device(id,name,sn) values (11,'nvr','34020000001320000009');"
+            "insert into devicechan(id,devid,name,sn) values (30,11,'cam','34020000001310000003');"
             "insert into serverinfo(id,name,sn) values (20,'media','SVR20')"));
         dlg = std::make_unique<CCMSSvrDlg>();
         ASSERT_TRUE(dlg->LoadData());
@@ -34,9 +35,11 @@ protected:
         CatalogWriteLock lock(csCatalog);
         ReleaseArray(m_arrMediaRegInfos);
     }
-    long Push(const char* code, const char* parent, const char* domain, const char* name) {
+    long Push(const char* code, const char* parent, const char* domain, const char* name,
+              int status = 0) {
         _msg_domain_info n{};
         n.nType = 5;
+        n.nStatus = status;
         std::strncpy(n.szCode, code, sizeof(n.szCode) - 1);
         std::strncpy(n.szParentCode, parent, sizeof(n.szParentCode) - 1);
         std::strncpy(n.szDomainCode, domain, sizeof(n.szDomainCode) - 1);
@@ -68,6 +71,56 @@ TEST_F(NodeRegistration, FirstPushCreatesTheRootAndTheNonstandardRegion) {
     EXPECT_STREQ(mirror->szSerial, "34020000001310000002");
     EXPECT_EQ(mirror->nParentID, std::stoi(other));
     EXPECT_EQ(mirror->nType, 0);
+}
+
+// A known channel composes nothing: the region insert the same call made runs once more and
+// gives the result; without one the push inserts nothing.
+TEST_F(NodeRegistration, KnownChannelRerunsTheRegionInsertOfTheCall) {
+    long id = Push("34020000001310000003", "34020000001320000009", kDomain, "cam");
+    ASSERT_GT(id, 0);
+    EXPECT_EQ(db.Scalar("select count(*) from region where regtype=255"), "2");
+    EXPECT_EQ(db.Scalar("select max(id) from region where regtype=255"), std::to_string(id));
+    long regions = db.Count("region");
+    EXPECT_EQ(Push("34020000001310000003", "34020000001320000009", kDomain, "cam"), 0);
+    EXPECT_EQ(db.Count("region"), regions);
+    EXPECT_EQ(db.Count("devicechan"), 1);
+}
+
+// A lower domain re-pushing its tree updates the rows its codes already have.
+TEST_F(NodeRegistration, RepushedRegionsAndDevicesUpdateTheirRow) {
+    long region = Push("3498", "", kDomain, "a");
+    ASSERT_GT(region, 0);
+    EXPECT_EQ(Push("3498", "", kDomain, "b"), region);
+    EXPECT_EQ(Push("3498", "", kDomain, "c'd"), region);
+    EXPECT_EQ(db.Scalar("select concat(count(*),name) from region where scode='3498'"), "1c'd");
+    long org = Push("34020000002160000001", "", kDomain, "org");
+    ASSERT_GT(org, 0);
+    EXPECT_EQ(Push("34020000002160000001", "3498", kDomain, "org2"), org);
+    EXPECT_EQ(db.Scalar("select concat(count(*),name,parentid) from region where "
+                        "scode='34020000002160000001'"),
+              "1org2" + std::to_string(region));
+
+    const char* dev = "34020000001320000005";
+    long device = Push(dev, "", kDomain, "d1");
+    ASSERT_GT(device, 0);
+    EXPECT_EQ(Push(dev, "", kDomain, "d2", 1), device);
+    EXPECT_EQ(Push(dev, "34020000002160000001", kDomain, "d3", 1), device);
+    EXPECT_EQ(db.Scalar("select concat(count(*),name,',',regionid,',',status) from device "
+                        "where scode='" +
+                        std::string(dev) + "'"),
+              "1d3," + std::to_string(org) + ",65536");
+
+    CatalogReadLock lock(csCatalog);
+    int mirrors = 0;
+    for (const _msg_region_base* r : m_arrRegionInfos) {
+        if (std::strcmp(r->szSerial, "3498") == 0) EXPECT_STREQ(r->szName, "c'd");
+        if (std::strcmp(r->szSerial, dev) != 0) continue;
+        ++mirrors;
+        EXPECT_EQ(r->nID, device);
+        EXPECT_EQ(r->nParentID, org);
+        EXPECT_STREQ(r->szName, "d3");
+    }
+    EXPECT_EQ(mirrors, 1);
 }
 
 TEST_F(NodeRegistration, TextIsStoredAsPushedAndOddNodesInsertNothing) {
