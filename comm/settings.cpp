@@ -28,6 +28,7 @@ constexpr size_t kDbBlock = 512;
 constexpr size_t kPathsBlock = 4096;
 constexpr size_t kPathEntry = 512;
 constexpr size_t kDevEntry = 500;
+constexpr size_t kGuardBlock = 8192;
 
 struct FileCloser {
     void operator()(FILE* f) const { std::fclose(f); }
@@ -135,6 +136,32 @@ int readcmsconfig(_cmsParam* param) {
         ReadInt(db, "<local>", "</local>", param->nLocalMode);
         ReadInt(db, "<pool>", "</pool>", param->nDbPool);
     }
+    return 1;
+}
+
+_guardParam& GuardParam() {
+    static _guardParam param;
+    return param;
+}
+
+int readguardconfig(_guardParam* param) {
+    if (!param) return 0;
+    std::string text;
+    if (!ReadConfigFile("cmsparam.xml", text)) return 0;
+    std::string block(kGuardBlock, '\0');
+    if (!TagValue(text.c_str(), "<guard>", "</guard>", &block[0], block.size())) return 1;
+    std::string value(kGuardBlock, '\0');
+    auto readString = [&](const char* open, const char* close, std::string& field) {
+        if (TagValue(block.c_str(), open, close, &value[0], value.size())) field = value.c_str();
+    };
+    readString("<msgallow>", "</msgallow>", param->msgAllow);
+    readString("<httpallow>", "</httpallow>", param->httpAllow);
+    readString("<token>", "</token>", param->token);
+    ReadBool(block.c_str(), "<rawsql>", "</rawsql>", param->bRawSql);
+    ReadBool(block.c_str(), "<power>", "</power>", param->bPower);
+    ReadInt(block.c_str(), "<replybudget>", "</replybudget>", param->nReplyBudgetMB);
+    ReadInt(block.c_str(), "<maxclients>", "</maxclients>", param->nMaxClients);
+    ReadInt(block.c_str(), "<stall>", "</stall>", param->nStallMs);
     return 1;
 }
 

@@ -1,5 +1,6 @@
 #include "server/CmsSvrDlg.h"
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -12,6 +13,7 @@
 #include "VornCodec.h"
 #include "VornNetSDK.h"
 #include "comm/globle.h"
+#include "comm/settings.h"
 #include "comm/sysutil.h"
 #include "media/devoperate.h"
 #include "media/devpool.h"
@@ -24,6 +26,23 @@ std::atomic<int> m_nRemoteOperate{0};
 namespace {
 
 constexpr int kPoolSlots = 64;  // device logins and play sessions each
+
+// Every client holds a descriptor; the soft limit (often 1024) would refuse clients long
+// before the settings' connection limit, so take all the system allows.
+void RaiseDescriptorLimit() {
+    rlimit rl{};
+    if (getrlimit(RLIMIT_NOFILE, &rl) != 0 || rl.rlim_cur >= rl.rlim_max) return;
+    rl.rlim_cur = rl.rlim_max;
+    if (setrlimit(RLIMIT_NOFILE, &rl) != 0) perror("raise descriptor limit");
+}
+
+// Hands the access settings and limits to the listener library before any port opens.
+void ApplyGuard(const _LoaclParam& local, const _guardParam& guard) {
+    if (local.nPort > 0) VornNetSDK_SetAllowList(local.nPort, guard.msgAllow.c_str());
+    if (local.nHttpPort > 0) VornNetSDK_SetAllowList(local.nHttpPort, guard.httpAllow.c_str());
+    VornNetSDK_SetMaxClients(guard.nMaxClients);
+    VornNetSDK_SetFrameTimeout(guard.nStallMs);
+}
 
 // The network library calls back with a plain user pointer.
 void MessageTrampoline(int clientId, unsigned char* data, int length, void* user) {
@@ -127,6 +146,7 @@ CCMSSvrDlg::~CCMSSvrDlg() {
 }
 
 void CCMSSvrDlg::InitSDK() {
+    RaiseDescriptorLimit();
     VornNetSDK_Init(this);
     RtspClient_Init();
     RUSK_DVR_InitAll();
@@ -139,7 +159,10 @@ void CCMSSvrDlg::DestroySDK() { VornNetSDK_destroy(); }
 bool CCMSSvrDlg::InitSystem() {
     RegisterDeviceTemplates();
     if (readconfig(&m_cfgLocalParam) != 1) return false;
-    return readcmsconfig(&m_cfgCms) == 1;
+    if (readcmsconfig(&m_cfgCms) != 1) return false;
+    readguardconfig(&GuardParam());
+    ApplyGuard(m_cfgLocalParam, GuardParam());
+    return true;
 }
 
 bool CCMSSvrDlg::LoadData() {

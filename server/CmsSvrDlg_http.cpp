@@ -21,6 +21,7 @@
 #include "comm/filestore.h"
 #include "comm/httpparse.h"
 #include "comm/metrics.h"
+#include "comm/settings.h"
 #include "comm/sysutil.h"
 #include "media/devoperate.h"
 #include "mysql/sqldbop.h"
@@ -137,8 +138,14 @@ bool OnReset(CCMSSvrDlg&, _http_command& c) {
 }
 
 // Rebooting this server still answers 404: the client cannot tell, deliberately.
+// With the power switch off the host's own reboot and power-off fail like any failed
+// command (404); those of a node are still passed on.
 bool OnReboot(CCMSSvrDlg&, _http_command& c) {
     if (c.nodeid != 0) return ConfigDevServer(c.nodeid, c.nodetype, c.command) != 0;
+    if (!GuardParam().bPower) {
+        puts("http reboot/poweroff refused: switched off in the settings");
+        return false;
+    }
     SystemReboot(c.command == HTTP_POWEROFF ? 1 : 0);
     return false;
 }
@@ -346,6 +353,43 @@ void SendMetrics(int clientId) {
     SendBytes(clientId, body.data(), body.size());
 }
 
+// ---- The shared token ----
+
+// The value of the query key "token" in `target`, or nullptr; `length` gets its size.
+const char* FindToken(const char* target, size_t& length) {
+    const char* query = std::strchr(target, '?');
+    if (!query) return nullptr;
+    for (const char* p = query + 1; *p;) {
+        const size_t field = std::strcspn(p, "&");
+        if (std::strncmp(p, "token=", 6) == 0) {
+            length = field - 6;
+            return p + 6;
+        }
+        p += field;
+        if (*p == '&') ++p;
+    }
+    return nullptr;
+}
+
+// True when no token is set, or the request carries it. Compared in full whatever the
+// first difference, so the time taken tells nothing about the token.
+bool TokenAccepted(const char* target) {
+    const std::string& token = GuardParam().token;
+    if (token.empty()) return true;
+    size_t length = 0;
+    const char* given = FindToken(target, length);
+    if (!given || length != token.size()) return false;
+    unsigned char diff = 0;
+    for (size_t i = 0; i < length; ++i) diff |= static_cast<unsigned char>(given[i] ^ token[i]);
+    return diff == 0;
+}
+
+void SendForbidden(int clientId) {
+    static const char kForbidden[] =
+        "HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+    SendBytes(clientId, kForbidden, sizeof kForbidden - 1);
+}
+
 // ---- One request ----
 
 // Parses and runs the query; false answers 404. An empty query is answered 400 here first.
@@ -378,6 +422,10 @@ void CCMSSvrDlg::HttpCallBack(int clientId, unsigned char* data, int length, CCM
     http.szURL[sizeof http.szURL - 1] = '\0';
     http.szConnection[sizeof http.szConnection - 1] = '\0';
     if (strcasecmp(http.szConnection, "upgrade") == 0) return;  // not served, no reply
+    if (!TokenAccepted(http.szURL)) {
+        metrics::CountHttpCommand("none", "refused");
+        return SendForbidden(clientId);
+    }
     if (IsMetricsTarget(http.szURL)) return SendMetrics(clientId);
 
     _http_command cmd{};

@@ -21,6 +21,7 @@
 #include "comm/globle.h"
 #include "comm/localdata.h"
 #include "comm/metrics.h"
+#include "comm/settings.h"
 #include "media/devoperate.h"
 #include "mysql/nodecatalog.h"
 #include "mysql/sqldbop.h"
@@ -156,6 +157,12 @@ int QueryMyself(int clientId, char* sql) {
 
 void OnSqlOperation(const MsgContext& m) {
     int closeMs = kSqlCloseMs;
+    if (!GuardParam().bRawSql) {
+        // Switched off: the failure state every operation answers with, then the close.
+        VornServerSendState(m.clientId, 1);
+        VornServerKillClientDelayed(m.clientId, closeMs);
+        return;
+    }
     std::unique_ptr<char[]> sql(m.length > 0 ? new (std::nothrow) char[m.length + 1] : nullptr);
     if (!sql) {
         VornServerSendState(m.clientId, 1);
