@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "comm/globle.h"
+#include "comm/logtext.h"
 #include "comm/mystring.h"
 #include "comm/sysutil.h"
 #include "mysql/sqldbop.h"
@@ -23,6 +24,10 @@ namespace {
 // pushes arriving together never create the same region twice. Held across the insert;
 // taken before (never while holding) csCatalog.
 std::mutex csRegionCreate;
+
+// Serialises the look-up of a pushed code's row with its insert or update, so that two pushes
+// of one new code add one row. Never nested with csRegionCreate; taken before csCatalog.
+std::mutex csPushedRow;
 
 constexpr size_t kGbCodeLength = 20;
 
@@ -300,6 +305,7 @@ long InsertGbNode(CMysqlDB& db, PushedNode& p) {
     GbParentCode(p.node, parentCode);
     int parentId = RegionIdBySerial(parentCode);
     if (!parentId && !(parentId = NonstandardRegion(db, p))) return 0;
+    std::lock_guard<std::mutex> row(csPushedRow);
     int existing = 0;
     const bool region = IsNodeGbRegion(p.node.szCode) == 1;
     if (region && (existing = ExistingRow(db, "region", p)))
@@ -336,6 +342,7 @@ long InsertShortCodeRegion(CMysqlDB& db, PushedNode& p) {
         if (!parentId) parentId = RegionIdByType(REGION_TYPE_NONSTANDARD);
     }
     if (!parentId && !(parentId = NonstandardRegion(db, p))) return 0;
+    std::lock_guard<std::mutex> row(csPushedRow);
     if (int existing = ExistingRow(db, "region", p)) {
         ComposeRegionUpdate(p, existing, parentId);
         return UpdateExisting(db, p, existing, parentId, false);
@@ -454,8 +461,9 @@ long CCMSSvrDlg::ProcessNode(_msg_domain_info* node) {
     CMysqlDB db;
     if (!ConnectDB(&db)) return 0;
     ConvertName(db, p);
-    printf("ProcessNode name:%s code:%s parent:%s city:%s domain:%s\n", p.name, p.node.szCode,
-           p.node.szParentCode, p.node.szCityCode, p.node.szDomainCode);
+    printf("ProcessNode name:%s code:%s parent:%s city:%s domain:%s\n", LogText(p.name).c_str(),
+           LogText(p.node.szCode).c_str(), LogText(p.node.szParentCode).c_str(),
+           LogText(p.node.szCityCode).c_str(), LogText(p.node.szDomainCode).c_str());
     long id = InsertPushedNode(db, p);
     CloseDB(&db);
     return id;
