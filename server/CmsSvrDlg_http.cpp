@@ -20,6 +20,7 @@
 #include "VornNetSDK.h"
 #include "comm/filestore.h"
 #include "comm/httpparse.h"
+#include "comm/logtext.h"
 #include "comm/metrics.h"
 #include "comm/settings.h"
 #include "comm/sysutil.h"
@@ -396,7 +397,7 @@ void SendForbidden(int clientId) {
 bool RunQuery(int clientId, const char* text, CCMSSvrDlg& self, _http_command& cmd) {
     char query[kQuerySize] = {};
     CopyText(query, text);
-    printf("http request :%s\n", query);
+    printf("http request :%s\n", LogText(query).c_str());
     if (!ParasCommand(query, &cmd)) {
         SendHead(clientId, kHeadBadCommand);
         metrics::CountHttpCommand("none", "bad");

@@ -14,6 +14,7 @@
 
 #include "VornNetSDK.h"
 #include "comm/globle.h"
+#include "comm/logtext.h"
 #include "comm/sysutil.h"
 #include "mysql/eventwriter.h"
 #include "mysql/sqldbop.h"
@@ -137,7 +138,7 @@ bool LoginAsDevice(const MsgContext& m, const char* serial) {
     });
     if (!found) return false;
     if (dev.backOnline) ReportBackOnline(dev.id, DEVICE_NODE, dev.status);
-    printf("dev %s regist\n", dev.name);
+    printf("dev %s regist\n", LogText(dev.name).c_str());
     return true;
 }
 
@@ -152,7 +153,7 @@ bool LoginAsServer(const MsgContext& m, const char* serial) {
     if (backOnline) ReportBackOnline(server.svr.nID, SERVER_NODE, server.svr.nState);
     if (server.svr.nServerType == SERVER_MEDIA && server.svr.nPropertyType == 0)
         MergeMediaRegistrations(server);
-    printf("server %s regist\n", server.svr.szIP);
+    printf("server %s regist\n", LogText(server.svr.szIP).c_str());
     return true;
 }
 
@@ -164,14 +165,14 @@ bool LoginAsDomain(const MsgContext& m, const char* serial) {
     });
     if (!found) return false;
     if (domain.nType != 0) FetchSubDomains(domain);
-    printf("domain %s regist\n", domain.szCode);
+    printf("domain %s regist\n", LogText(domain.szCode).c_str());
     return true;
 }
 
 // Runs on the client's queue: every step may wait on the database or a sub-server.
 void LoginBySerial(const MsgContext& m, const char* serial) {
     bool known = LoginAsDevice(m, serial) || LoginAsServer(m, serial) || LoginAsDomain(m, serial);
-    if (!known) printf("%s notfind \n", serial);
+    if (!known) printf("%s notfind \n", LogText(serial).c_str());
     VornServerSendState(m.clientId, known ? 0 : 1);
 }
 
@@ -237,7 +238,7 @@ void OnLogin(const MsgContext& m) {
     std::memcpy(serial, m.payload, std::min(static_cast<size_t>(m.length), sizeof(serial) - 1));
     DeviceLogin dev;
     if (TakeDeviceLogin(serial, nullptr, m.clientId, dev)) {
-        printf("dev %s regist\n", dev.name);
+        printf("dev %s regist\n", LogText(dev.name).c_str());
         VornServerSendState(m.clientId, 0);
         if (dev.backOnline)
             RunInOrder(m, [dev] { ReportBackOnline(dev.id, DEVICE_NODE, dev.status); });

@@ -20,6 +20,7 @@
 #include "comm/filestore.h"
 #include "comm/globle.h"
 #include "comm/localdata.h"
+#include "comm/logtext.h"
 #include "comm/metrics.h"
 #include "comm/settings.h"
 #include "media/devoperate.h"
@@ -282,7 +283,7 @@ void OnDisconnect(int clientId) {
             CopyText(name, d->dev.szSerial);
         }
     }
-    if (kind) printf("%s :%s logout\n", kind, name);
+    if (kind) printf("%s :%s logout\n", kind, LogText(name).c_str());
 }
 
 // Queues a handler with its own copy of the message (the listener's buffer lives only

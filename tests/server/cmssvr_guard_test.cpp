@@ -95,6 +95,13 @@ TEST_F(GuardedServer, MessagePortServesOnlyItsNetworksAndRefusesRawSql) {
     head.nType = CMS_MSG_SQLOPERATION_EX;
     head.nFrom = DATAQUERYMYSELF;
     cmsclient::Reply r;
+    // Outside text is printed with its control bytes escaped, so it cannot forge lines.
+    cmsclient::MsgHead login;
+    login.nType = CMS_MSG_LOGIN;
+    ASSERT_TRUE(c.Request(login, "evil\ncserver reset succ\r", r));
+    EXPECT_EQ(daemon->CountOf("evil\\x0acserver reset succ\\x0d notfind"), 1) << daemon->Output();
+    EXPECT_EQ(daemon->CountOf("cserver reset succ"), 1);
+
     ASSERT_TRUE(c.Request(head, "select 1", r));
     EXPECT_TRUE(r.IsState() && r.state == 1);
     EXPECT_TRUE(c.WaitClosed(5000));
