@@ -2,12 +2,16 @@
 #include "cmsclient/cmsclient.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "VornNetSDK.h"
+#include "cmsclient/framing.h"
 
 namespace {
 
@@ -71,6 +75,33 @@ TEST(CmsClient, TimesOutAndFailsCleanly) {
     EXPECT_EQ(client.ReadReply(reply, 1000), CmsClient::ReadResult::kClosed);
     EXPECT_FALSE(client.Connect("127.0.0.1", port, 500));
     EXPECT_FALSE(client.Send(head));
+}
+
+// Frames arrive in pieces: a keep-alive is skipped, a time-out inside a body keeps what was
+// read, and the next frame in the same write is not lost.
+TEST(FrameChannel, ReadsFramesAcrossPiecesAndTimeOuts) {
+    int fds[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+    Bytes big(300000);
+    for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<uint8_t>(i * 7);
+    Bytes wire = {0, 0, 0, 0};  // keep-alive
+    ASSERT_TRUE(vorn::AppendFrame(wire, big.data(), big.size()));
+    ASSERT_TRUE(vorn::AppendFrame(wire, reinterpret_cast<const uint8_t*>("ab"), 2));
+    cmsclient::FrameChannel writer(fds[0]);
+    cmsclient::FrameChannel reader(fds[1]);
+    const size_t cut = 100000;
+    ASSERT_TRUE(writer.WriteRaw(wire.data(), cut, 1000));
+    Bytes body;
+    EXPECT_EQ(reader.ReadFrame(body, 50), cmsclient::FrameChannel::Result::kTimeout);
+    std::thread rest([&] { writer.WriteRaw(wire.data() + cut, wire.size() - cut, 5000); });
+    EXPECT_EQ(reader.ReadFrame(body, 5000), cmsclient::FrameChannel::Result::kFrame);
+    EXPECT_EQ(body, big);
+    EXPECT_EQ(reader.ReadFrame(body, 5000), cmsclient::FrameChannel::Result::kFrame);
+    EXPECT_EQ(body, (Bytes{'a', 'b'}));
+    rest.join();
+    close(fds[0]);
+    EXPECT_EQ(reader.ReadFrame(body, 1000), cmsclient::FrameChannel::Result::kClosed);
+    close(fds[1]);
 }
 
 }  // namespace

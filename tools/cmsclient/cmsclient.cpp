@@ -76,13 +76,30 @@ bool CmsClient::SendRaw(const void* data, size_t n) {
     return IsOpen() && m_channel.WriteRaw(data, n, kWriteTimeoutMs);
 }
 
+namespace {
+
+// A data reply takes over the frame's buffer instead of copying what may be hundreds of
+// megabytes; anything else goes through ParseReply.
+bool TakeReply(std::vector<uint8_t>&& body, Reply& reply) {
+    MsgHead head;
+    if (!MsgHead::Decode(body.data(), body.size(), head) || head.nType != vorn::kMsgTypeResult ||
+        head.nFrom != vorn::kResultData)
+        return ParseReply(body.data(), body.size(), reply);
+    body.erase(body.begin(), body.begin() + MsgHead::kSize);
+    reply.kind = Reply::Kind::kData;
+    reply.state = 0;
+    reply.data = std::move(body);
+    return true;
+}
+
+}  // namespace
+
 CmsClient::ReadResult CmsClient::ReadReply(Reply& reply, int timeoutMs) {
     if (!IsOpen()) return ReadResult::kClosed;
     std::vector<uint8_t> body;
     switch (m_channel.ReadFrame(body, timeoutMs)) {
         case FrameChannel::Result::kFrame:
-            return ParseReply(body.data(), body.size(), reply) ? ReadResult::kReply
-                                                               : ReadResult::kBadFrame;
+            return TakeReply(std::move(body), reply) ? ReadResult::kReply : ReadResult::kBadFrame;
         case FrameChannel::Result::kTimeout:
             return ReadResult::kTimeout;
         case FrameChannel::Result::kClosed:

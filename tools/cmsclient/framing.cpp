@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <new>
 
 namespace cmsclient {
 
@@ -54,26 +55,50 @@ bool FrameChannel::WriteRaw(const void* data, size_t n, int timeoutMs) {
     return true;
 }
 
+// The length field is read first, then the body straight into a buffer of its final size,
+// so a reply of hundreds of megabytes is neither grown step by step nor copied out of a
+// staging buffer. A frame cut short by a time-out is finished by the next call.
 FrameChannel::Result FrameChannel::ReadFrame(std::vector<uint8_t>& body, int timeoutMs) {
     auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    uint8_t chunk[64 * 1024];
     for (;;) {
-        switch (m_decoder.Next(body)) {
-            case vorn::FrameDecoder::Status::kFrame:
-                return Result::kFrame;
-            case vorn::FrameDecoder::Status::kTooLarge:
-                return Result::kBroken;
-            case vorn::FrameDecoder::Status::kNeedMore:
-                break;
-        }
-        if (!WaitFor(m_fd, POLLIN, end)) return Result::kTimeout;
-        ssize_t r = recv(m_fd, chunk, sizeof chunk, MSG_DONTWAIT);
+        if (m_broken) return Result::kBroken;
+        const bool inLength = m_lengthHave < vorn::kFrameLengthBytes;
+        uint8_t* into = inLength ? m_length + m_lengthHave : m_body.data() + m_bodyHave;
+        const size_t want =
+            inLength ? vorn::kFrameLengthBytes - m_lengthHave : m_body.size() - m_bodyHave;
+        ssize_t r = recv(m_fd, into, want, MSG_DONTWAIT);
         if (r == 0) return Result::kClosed;
         if (r < 0) {
-            if (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK) continue;
-            return Result::kClosed;
+            if (errno == EINTR) continue;
+            if (errno != EAGAIN && errno != EWOULDBLOCK) return Result::kClosed;
+            if (!WaitFor(m_fd, POLLIN, end)) return Result::kTimeout;
+            continue;
         }
-        m_decoder.Append(chunk, static_cast<size_t>(r));
+        if (inLength) {
+            m_lengthHave += static_cast<size_t>(r);
+            if (m_lengthHave == vorn::kFrameLengthBytes) StartBody();
+            continue;
+        }
+        m_bodyHave += static_cast<size_t>(r);
+        if (m_bodyHave < m_body.size()) continue;
+        body = std::move(m_body);
+        m_body = {};
+        m_lengthHave = m_bodyHave = 0;
+        return Result::kFrame;
+    }
+}
+
+void FrameChannel::StartBody() {
+    const uint32_t length = vorn::GetLe32(m_length);
+    m_bodyHave = 0;
+    if (length == 0) {  // keep-alive: nothing to hand on
+        m_lengthHave = 0;
+        return;
+    }
+    try {
+        m_body.resize(length);
+    } catch (const std::bad_alloc&) {
+        m_broken = true;
     }
 }
 

@@ -22,14 +22,20 @@ public:
     bool WriteFrame(const void* body, size_t n, int timeoutMs);
     // Writes bytes as they are (for tests that need broken frames).
     bool WriteRaw(const void* data, size_t n, int timeoutMs);
-    // Waits up to `timeoutMs` for the next frame body. kBroken: the peer announced a
-    // frame over the limit (a server reply may use the whole 32-bit length); the stream
-    // is lost.
+    // Waits up to `timeoutMs` for the next frame body (a server reply may use the whole
+    // 32-bit length). kBroken: no memory for the announced body; the stream is lost.
     Result ReadFrame(std::vector<uint8_t>& body, int timeoutMs);
 
 private:
+    // Sizes the body buffer once the length field is complete.
+    void StartBody();
+
     int m_fd;
-    vorn::FrameDecoder m_decoder{vorn::kMaxReplyFrameLength};
+    uint8_t m_length[vorn::kFrameLengthBytes] = {};  // length field of the pending frame
+    size_t m_lengthHave = 0;
+    std::vector<uint8_t> m_body;  // body of the pending frame, read straight into place
+    size_t m_bodyHave = 0;
+    bool m_broken = false;
 };
 
 }  // namespace cmsclient
