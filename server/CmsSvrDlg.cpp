@@ -42,6 +42,7 @@ void ApplyGuard(const _LoaclParam& local, const _guardParam& guard) {
     if (local.nHttpPort > 0) VornNetSDK_SetAllowList(local.nHttpPort, guard.httpAllow.c_str());
     VornNetSDK_SetMaxClients(guard.nMaxClients);
     VornNetSDK_SetFrameTimeout(guard.nStallMs);
+    VornNetSDK_SetReplyBudget(static_cast<long long>(guard.nReplyBudgetMB) << 20);
 }
 
 // The network library calls back with a plain user pointer.

@@ -145,6 +145,34 @@ TEST_P(GuardTest, AFrameTricklingInSlowerThanTheStallTimeIsClosed) {
     EXPECT_EQ(g_calls.load(), 0);
 }
 
+// Every message is answered with 4 MiB.
+void AnswerBig(int clientId, unsigned char* data, int, void*) {
+    static const std::string reply(4 << 20, 'r');
+    if (data) {
+        VornServerSendData(clientId, reinterpret_cast<const unsigned char*>(reply.data()),
+                           static_cast<int>(reply.size()));
+    }
+}
+
+TEST(ReplyBudgetTest, TheLongestQueueIsClosedWhenAllTogetherAreOverTheBudget) {
+    VornNetSDK_Init(nullptr);
+    VornNetSDK_SetReplyBudget(24 << 20);
+    const int server = VornStartServer(0, VORN_MODE_MESSAGE, &AnswerBig, nullptr);
+    const int port = VornServerGetListenPort(server);
+    const std::string request("\x0c\0\0\0\x09\0\0\0\0\0\0\0\0\0\0\0", 16);
+    Peer modest("127.0.0.1", port), greedy("127.0.0.1", port);
+    ASSERT_TRUE(modest.Send(request + request));  // 8 MiB, more than the socket takes
+    std::this_thread::sleep_for(milliseconds(300));
+    std::string many;
+    for (int i = 0; i < 12; ++i) many += request;  // 48 MiB, under the 64 MiB per client
+    ASSERT_TRUE(greedy.Send(many));
+    std::this_thread::sleep_for(milliseconds(1000));  // not reading, its queue grows
+    EXPECT_TRUE(greedy.Closed(3000));
+    EXPECT_FALSE(modest.Closed(300));  // reads its replies and is still served
+    VornStopServer(server);
+    VornNetSDK_SetReplyBudget(0);
+}
+
 INSTANTIATE_TEST_SUITE_P(BothPorts, GuardTest, ::testing::Values(VORN_MODE_MESSAGE, VORN_MODE_HTTP),
                          [](const auto& info) {
                              return std::string(info.param == VORN_MODE_HTTP ? "Http" : "Message");

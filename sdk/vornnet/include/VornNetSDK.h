@@ -81,6 +81,11 @@ int VornNetSDK_SetAllowList(int port, const char* networks);
  * limit is lowered further to what the process's descriptor limit leaves after a reserve
  * for files and database connections. Clients beyond it are closed at once. */
 void VornNetSDK_SetMaxClients(int count);
+/* Bytes of replies queued for all clients together (default 256 MiB; <= 0 restores it).
+ * Beyond it the client with the longest queue is closed, its replies dropped, and freed
+ * memory is returned to the system. Each client is also capped at 64 MiB of waiting
+ * replies. */
+void VornNetSDK_SetReplyBudget(long long bytes);
 
 /* Listens on `port` (all interfaces, address reuse on; 0 picks a free port). Returns a
  * server handle > 0, or -1 when the port cannot be bound or the mode is not served. */

@@ -1,5 +1,7 @@
 #include "connection.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <limits>
@@ -97,6 +99,21 @@ void Connection::Kill(int delayMs) {
 
 void Connection::Close() {
     asio::post(m_socket.get_executor(), [self = shared_from_this()] { self->CloseNow(nullptr); });
+}
+
+void Connection::CloseForBudget() {
+    asio::post(m_socket.get_executor(), [self = shared_from_this()] {
+        if (!self->m_closed) self->m_trimOnExit.store(true);
+        self->CloseNow(
+            "replies queued for all clients are over the budget; its queue is the longest");
+        Engine::Get().BudgetTrimmed();
+    });
+}
+
+// Freed queues leave their pages with the allocator; after a trim for the budget they go
+// back to the system, so a burst of clients that never read does not keep the memory.
+Connection::~Connection() {
+    if (m_trimOnExit.load()) malloc_trim(0);
 }
 
 // ---- reading ----
@@ -264,6 +281,8 @@ void Connection::Enqueue(OutFrame&& frame) {
         return;
     }
     m_outBytes += frame.Size();
+    m_queuedBytes.store(m_outBytes);
+    Engine::Get().AddQueued(static_cast<int64_t>(frame.Size()));
     m_outQueue.push_back(std::move(frame));
     if (!m_writing) DoWrite();
 }
@@ -290,6 +309,8 @@ void Connection::OnWrite(const std::error_code& ec) {
         return;
     }
     m_outBytes -= m_outQueue.front().Size();
+    m_queuedBytes.store(m_outBytes);
+    Engine::Get().AddQueued(-static_cast<int64_t>(m_outQueue.front().Size()));
     m_outQueue.pop_front();
     if (!m_outQueue.empty()) {
         DoWrite();
@@ -351,6 +372,10 @@ void Connection::CloseNow(const char* why) {
     m_socket.close(ignored);
     m_idleTimer.cancel();
     m_closeTimer.cancel();
+    // What is still queued no longer counts; it is freed with the connection.
+    Engine::Get().AddQueued(-static_cast<int64_t>(m_outBytes));
+    m_outBytes = 0;
+    m_queuedBytes.store(0);
     Engine::Get().UnregisterClient(m_id);
     m_gone.store(true);
     if (m_hooks.dispatch == Dispatch::kOneShot) {

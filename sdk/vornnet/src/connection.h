@@ -51,6 +51,11 @@ public:
     void Kill(int delayMs);
     // Closes now; queued replies are dropped.
     void Close();
+    // Closes now because the replies queued for all clients are over the budget; the
+    // memory is handed back to the system once this connection is gone.
+    void CloseForBudget();
+    size_t QueuedBytes() const { return m_queuedBytes.load(); }
+    ~Connection();
 
     int Id() const { return m_id; }
     const std::string& PeerAddr() const { return m_peerAddr; }
@@ -125,6 +130,10 @@ private:
     std::atomic<size_t> m_backlogCount{0};
     std::atomic<size_t> m_backlogBytes{0};
     std::atomic<bool> m_readPaused{false};
+
+    // m_outBytes as seen from other threads, for the reply budget.
+    std::atomic<size_t> m_queuedBytes{0};
+    std::atomic<bool> m_trimOnExit{false};
 };
 
 }  // namespace vorn

@@ -81,6 +81,30 @@ void Engine::UnregisterClient(int id) {
     m_clients.erase(id);
 }
 
+void Engine::AddQueued(int64_t bytes) {
+    const int64_t total = m_queuedBytes.fetch_add(bytes) + bytes;
+    if (bytes <= 0 || total <= m_replyBudget.load() || m_trimming.exchange(true)) return;
+    std::shared_ptr<Connection> largest;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        size_t most = 0;
+        for (auto& entry : m_clients) {
+            auto client = entry.second.lock();
+            if (client && client->QueuedBytes() > most) {
+                most = client->QueuedBytes();
+                largest = std::move(client);
+            }
+        }
+    }
+    if (largest) {
+        largest->CloseForBudget();  // clears m_trimming once closed
+    } else {
+        m_trimming.store(false);
+    }
+}
+
+void Engine::BudgetTrimmed() { m_trimming.store(false); }
+
 std::shared_ptr<Connection> Engine::FindClient(int id) {
     std::lock_guard<std::mutex> lock(m_mutex);
     auto it = m_clients.find(id);

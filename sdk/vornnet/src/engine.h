@@ -49,6 +49,12 @@ public:
     // Allow-lists and the connection limit, shared by every listener.
     Guard& Access() { return m_guard; }
 
+    // Bytes of replies queued on every connection together. When an addition takes the
+    // total over the budget, the client with the longest queue is closed.
+    void AddQueued(int64_t bytes);
+    void BudgetTrimmed();
+    void SetReplyBudget(int64_t bytes) { m_replyBudget.store(bytes); }
+
     int FrameTimeoutMs() const { return m_frameTimeoutMs.load(); }
     void SetFrameTimeoutMs(int ms) { m_frameTimeoutMs.store(ms); }
 
@@ -60,6 +66,7 @@ private:
     static constexpr int kCallbackThreads = 4;
     static constexpr int kDefaultFrameTimeoutMs = 30000;
     static constexpr size_t kMaxRequestWorkers = 256;
+    static constexpr int64_t kDefaultReplyBudget = int64_t{256} << 20;
 
     asio::io_context m_io;          // sockets, timers
     asio::io_context m_callbackIo;  // user callbacks of message connections
@@ -78,6 +85,9 @@ private:
     std::atomic<int> m_nextListenerId{1};
     std::atomic<int> m_nextClientId{1};
     std::atomic<int> m_frameTimeoutMs{kDefaultFrameTimeoutMs};
+    std::atomic<int64_t> m_queuedBytes{0};
+    std::atomic<int64_t> m_replyBudget{kDefaultReplyBudget};
+    std::atomic<bool> m_trimming{false};  // a client is being closed for the budget
 };
 
 }  // namespace vorn

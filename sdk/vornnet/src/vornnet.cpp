@@ -50,6 +50,10 @@ int VornNetSDK_SetAllowList(int port, const char* networks) {
 
 void VornNetSDK_SetMaxClients(int count) { Engine::Get().Access().SetMaxClients(count); }
 
+void VornNetSDK_SetReplyBudget(long long bytes) {
+    Engine::Get().SetReplyBudget(bytes > 0 ? bytes : int64_t{256} << 20);
+}
+
 int VornStartServer(int port, int mode, VornServerCallBack callback, void* user) {
     if (callback == nullptr || port < 0 || port > 65535) return -1;
     const vorn::Mode* form = vorn::FindMode(mode);
