@@ -55,7 +55,7 @@ protected:
         s.dbPort = cmstest::TestDatabase::Port();
         s.extraParam =
             "<guard><msgallow>127.0.0.1 127.0.0.2/32</msgallow><token>s3cret</token>"
-            "<rawsql>0</rawsql><power>0</power></guard>\n";
+            "<rawsql>0</rawsql><power>0</power><stall>500</stall></guard>\n";
         daemon = std::make_unique<cmstest::Daemon>(s);
         ASSERT_TRUE(daemon->Start());
         ASSERT_TRUE(daemon->WaitFor("Start http port:", 15s)) << daemon->Output();
@@ -81,6 +81,26 @@ TEST_F(GuardedServer, HttpCommandsNeedTheTokenAndPowerCommandsAreOff) {
     EXPECT_EQ(daemon->CountOf("reboot skipped"), 0) << daemon->Output();
     EXPECT_EQ(daemon->CountOf("refused: switched off"), 2);
     EXPECT_EQ(daemon->CountOf("cserver reset succ"), 0);
+}
+
+TEST_F(GuardedServer, ARequestTricklingInIsClosedAfterTheStallTime) {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    inet_pton(AF_INET, "127.0.0.1", &a.sin_addr);
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    const auto start = std::chrono::steady_clock::now();
+    bool closed = false;
+    for (int i = 0; i < 40 && !closed; ++i) {
+        closed = send(fd, "G", 1, MSG_NOSIGNAL) != 1;
+        pollfd p{fd, POLLIN, 0};
+        char byte;
+        if (!closed && poll(&p, 1, 100) == 1) closed = recv(fd, &byte, 1, 0) <= 0;
+    }
+    close(fd);
+    EXPECT_TRUE(closed);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
 }
 
 TEST_F(GuardedServer, MessagePortServesOnlyItsNetworksAndRefusesRawSql) {
