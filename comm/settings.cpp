@@ -50,8 +50,7 @@ bool ReadConfigFile(const char* name, std::string& text) {
 }
 
 // The text between the tags into a zeroed scratch buffer; false when absent.
-bool TagValue(const char* text, const char* open, const char* close, char* out,
-              size_t outSize) {
+bool TagValue(const char* text, const char* open, const char* close, char* out, size_t outSize) {
     std::memset(out, 0, outSize);
     return _get_valuefromstring_v1(text, open, close, out, outSize) >= 0;
 }
@@ -135,6 +134,7 @@ int readcmsconfig(_cmsParam* param) {
         ReadText(db, "<pass>", "</pass>", param->szDbPass);
         ReadInt(db, "<local>", "</local>", param->nLocalMode);
         ReadInt(db, "<pool>", "</pool>", param->nDbPool);
+        ReadInt(db, "<spool>", "</spool>", param->nSpoolMB);
     }
     return 1;
 }

@@ -28,6 +28,7 @@ struct _cmsParam {
     int szDbPort;    // an integer despite its prefix
     int nLocalMode;  // non-zero: start the analytics event links
     int nDbPool;     // idle database connections kept for reuse; <= 0: the default (16)
+    int nSpoolMB;    // size limit of the event spool in MiB; <= 0: the default (1024)
 };
 
 // Who may use the listeners and what they may spend (<guard> of cmsparam.xml). The
@@ -65,10 +66,10 @@ struct _RtspHelpString {
 void SetConfigDir(const char* dir);
 const char* GetConfigDir();
 
-int readconfig(_LoaclParam* param);    // ./config/cmslocal.xml; 1 or 0
-int readcmsconfig(_cmsParam* param);   // ./config/cmsparam.xml; 1 or 0
+int readconfig(_LoaclParam* param);       // ./config/cmslocal.xml; 1 or 0
+int readcmsconfig(_cmsParam* param);      // ./config/cmsparam.xml; 1 or 0
 int readguardconfig(_guardParam* param);  // <guard> of ./config/cmsparam.xml; 1 or 0
 // The settings read at start-up (the defaults until then); read-only afterwards.
 _guardParam& GuardParam();
 int readfilepath(std::vector<_file_path*>& paths);  // file-store roots; always 1
-int readdevconfig();                   // ./config/dev.xml into m_arrRtspString; 1 or 0
+int readdevconfig();                                // ./config/dev.xml into m_arrRtspString; 1 or 0

@@ -349,3 +349,10 @@ CREATE TABLE IF NOT EXISTS stiffinfo (
 
 CREATE OR REPLACE VIEW staffinfo AS
   SELECT id, name, faceid, gender, idcard, department, remark FROM stiffinfo;
+
+-- Replay position of the server's event spool: the sequence number of the last spooled
+-- statement written, updated in the same transaction as that statement.
+CREATE TABLE IF NOT EXISTS spoolcursor (
+  id INT NOT NULL PRIMARY KEY,
+  seq BIGINT UNSIGNED NOT NULL DEFAULT 0
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;

@@ -63,6 +63,11 @@ void CloseAll(std::vector<Idle>& list) {
 
 }  // namespace
 
+std::string& LastConnectErrorText() {
+    thread_local std::string text;
+    return text;
+}
+
 MYSQL* Open(const char* host, int port, const char* user, const char* password,
             const char* database) {
     MYSQL* sock = mysql_init(nullptr);
@@ -76,6 +81,7 @@ MYSQL* Open(const char* host, int port, const char* user, const char* password,
                                        static_cast<unsigned int>(port), nullptr, 0) != nullptr;
     metrics::CountDbOperation("connect", ok);
     if (ok) return sock;
+    LastConnectErrorText() = std::to_string(mysql_errno(sock)) + " " + mysql_error(sock);
     mysql_close(sock);
     return nullptr;
 }

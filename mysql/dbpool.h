@@ -21,6 +21,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 namespace dbpool {
 
@@ -37,6 +38,9 @@ constexpr unsigned int kWriteTimeoutSeconds = 60;
 // when the server cannot be reached.
 MYSQL* Open(const char* host, int port, const char* user, const char* password,
             const char* database);
+
+// "<errno> <message>" of this thread's last failed Open.
+std::string& LastConnectErrorText();
 
 struct Lease {
     MYSQL* sock = nullptr;

@@ -1,6 +1,9 @@
 // Event and status writers and the analytics alarm readers.
 #include "mysql/eventwriter.h"
 
+#include <iconv.h>
+
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -8,6 +11,7 @@
 
 #include "comm/metrics.h"
 #include "comm/sysutil.h"
+#include "mysql/spool.h"
 #include "mysql/sqldbop.h"
 
 std::mutex csWriteDev;
@@ -41,34 +45,167 @@ LogTimes MakeLogTimes(uint32_t eventTime) {
     return t;
 }
 
-// The text escaped for a double-quoted literal; unchanged for ordinary text.
-std::string Escaped(CMysqlDB& db, const char* text) {
+// The text escaped for a double-quoted literal; unchanged for ordinary text. Plain escaping
+// equals the connection's for its utf8 character set, so a statement can be composed before
+// (or without) a connection and look the same.
+std::string Escaped(const char* text) {
     if (!text) return std::string();
     std::string out(2 * std::strlen(text) + 1, '\0');
-    EscapeSql(&db, text, &out[0], out.size());
+    EscapeSql(nullptr, text, &out[0], out.size());
     out.resize(std::strlen(out.c_str()));
     return out;
 }
 
-// The common shape of every insert into `table`: connect, let `build` print the statement
-// into a zeroed buffer (false: refuse), run it under `cs` and hand back the new id.
-template <class Build>
-int64_t InsertRow(std::mutex& cs, const char* table, bool echo, Build build) {
+constexpr unsigned int kIncorrectStringValue = 1366;
+
+// Failures are printed once per run of the same error, so an outage gives one line, not
+// one per event.
+std::atomic<unsigned int> lastPrintedError{0};
+
+void NoteSuccess() { lastPrintedError.store(0, std::memory_order_relaxed); }
+
+void NoteFailure(unsigned int err, const std::string& text, const char* table) {
+    if (lastPrintedError.exchange(err) == err) return;
+    std::printf("database write to %s failed: %s\n", table, text.c_str());
+}
+
+enum class WriteResult { kWritten, kRefusedText, kTransient, kFailed };
+
+// Runs one statement: an insert (id back in `id`) or, with a null `id`, an update.
+WriteResult RunStatement(std::mutex* cs, const char* table, const char* sql, int64_t* id) {
     CMysqlDB db;
-    if (!ConnectDB(&db)) return 0;
+    if (!ConnectDB(&db)) {
+        NoteFailure(2003, dbpool::LastConnectErrorText(), table);
+        return WriteResult::kTransient;
+    }
     ConnectionGuard guard{&db};
-    char sql[kStatementSize] = {0};
-    if (!build(db, sql)) return 0;
-    if (echo) std::printf("alarm:%s\n", sql);
-    // The id column is the server's to fill, so the reply's id is the row's.
-    int64_t id = 0;
+    bool ok = false;
     {
         // Only the insert itself is serialised: borrowing and composing need no turn.
-        std::lock_guard<std::mutex> lock(cs);
-        if (!db.ExecuteInsert(sql, id)) return 0;
+        std::unique_lock<std::mutex> lock;
+        if (cs) lock = std::unique_lock<std::mutex>(*cs);
+        ok = id ? db.ExecuteInsert(sql, *id) : db.ExecuteUpdate(sql);
     }
+    if (ok) {
+        NoteSuccess();
+        return WriteResult::kWritten;
+    }
+    const unsigned int err = db.Handle() ? mysql_errno(db.Handle()) : 0;
+    NoteFailure(err, std::to_string(err) + " " + (db.Handle() ? mysql_error(db.Handle()) : ""),
+                table);
+    if (err == kIncorrectStringValue) return WriteResult::kRefusedText;
+    return IsTransientDbError(err) ? WriteResult::kTransient : WriteResult::kFailed;
+}
+
+// The common shape of every insert into `table`: let `build` print the statement for the
+// escaped description into a zeroed buffer (false: refuse), run it under `cs` and hand back
+// the new id. A refused text is repaired once; a row meeting an outage is spooled.
+template <class Build>
+int64_t InsertRow(std::mutex& cs, const char* table, bool echo, const char* descript, Build build) {
+    char sql[kStatementSize] = {0};
+    if (!build(Escaped(descript), sql)) return 0;
+    if (echo) std::printf("alarm:%s\n", sql);
+    int64_t id = 0;
+    WriteResult r = WriteResult::kTransient;
+    if (!spool::Holding()) r = RunStatement(&cs, table, sql, &id);
+    if (r == WriteResult::kRefusedText || (r == WriteResult::kTransient && descript)) {
+        // Text the connection would refuse is repaired before it waits in the spool too.
+        const std::string fixed = RepairText(descript);
+        if (fixed != descript) {
+            std::memset(sql, 0, sizeof sql);
+            if (!build(Escaped(fixed.c_str()), sql)) return 0;
+            if (r == WriteResult::kRefusedText) r = RunStatement(&cs, table, sql, &id);
+        }
+    }
+    if (r == WriteResult::kTransient) spool::Append(spool::Kind::kInsert, table, sql);
+    if (r != WriteResult::kWritten) return 0;
     metrics::CountRowWritten(table);
     return id;
+}
+
+// Length of the UTF-8 character at p that the connection accepts (one to three bytes), 0
+// when the bytes do not form one; *four is set for a well-formed four-byte character.
+size_t CharLength(const unsigned char* p, size_t left, bool* four) {
+    *four = false;
+    const unsigned char c = p[0];
+    if (c < 0x80) return 1;
+    size_t n = c >= 0xC2 && c <= 0xDF   ? 2
+               : c >= 0xE0 && c <= 0xEF ? 3
+               : c >= 0xF0 && c <= 0xF4 ? 4
+                                        : 0;
+    if (n == 0 || n > left) return 0;
+    for (size_t i = 1; i < n; ++i)
+        if ((p[i] & 0xC0) != 0x80) return 0;
+    if (n == 3 && ((c == 0xE0 && p[1] < 0xA0) || (c == 0xED && p[1] >= 0xA0))) return 0;
+    if (n == 4) {
+        if ((c == 0xF0 && p[1] < 0x90) || (c == 0xF4 && p[1] >= 0x90)) return 0;
+        *four = true;
+        return 0;
+    }
+    return n;
+}
+
+// How the bytes read as UTF-8: all accepted, accepted but for a cut tail or four-byte
+// characters, or not UTF-8 at all.
+enum class Utf8Shape { kClean, kNearly, kForeign };
+
+Utf8Shape ShapeOf(const std::string& s) {
+    const auto* p = reinterpret_cast<const unsigned char*>(s.data());
+    Utf8Shape shape = Utf8Shape::kClean;
+    for (size_t i = 0; i < s.size();) {
+        bool four = false;
+        const size_t n = CharLength(p + i, s.size() - i, &four);
+        if (n > 0) {
+            i += n;
+            continue;
+        }
+        if (four) {
+            shape = Utf8Shape::kNearly;
+            i += 4;
+            continue;
+        }
+        // A lead byte whose character runs past the end: a cut tail.
+        const unsigned char c = p[i];
+        const size_t want = c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : c >= 0xC2 ? 2 : 0;
+        bool tail = want > s.size() - i;
+        for (size_t k = i + 1; tail && k < s.size(); ++k) tail = (p[k] & 0xC0) == 0x80;
+        return tail ? Utf8Shape::kNearly : Utf8Shape::kForeign;
+    }
+    return shape;
+}
+
+// Keeps accepted characters and puts U+FFFD for each other byte or four-byte character.
+std::string ReplaceInvalid(const std::string& s) {
+    static const char kReplacement[] = "\xEF\xBF\xBD";
+    const auto* p = reinterpret_cast<const unsigned char*>(s.data());
+    std::string out;
+    for (size_t i = 0; i < s.size();) {
+        bool four = false;
+        const size_t n = CharLength(p + i, s.size() - i, &four);
+        if (n > 0) {
+            out.append(s, i, n);
+            i += n;
+        } else {
+            out += kReplacement;
+            i += four ? 4 : 1;
+        }
+    }
+    return out;
+}
+
+// Empty when the bytes are not GB18030 text.
+std::string FromGb18030(const std::string& s) {
+    iconv_t cd = iconv_open("UTF-8", "GB18030");
+    if (cd == reinterpret_cast<iconv_t>(-1)) return std::string();
+    std::string out(4 * s.size() + 4, '\0');
+    char* src = const_cast<char*>(s.data());  // iconv only reads it
+    char* dst = &out[0];
+    size_t srcLeft = s.size(), dstLeft = out.size();
+    const bool ok = iconv(cd, &src, &srcLeft, &dst, &dstLeft) != static_cast<size_t>(-1);
+    iconv_close(cd);
+    if (!ok) return std::string();
+    out.resize(out.size() - dstLeft);
+    return out;
 }
 
 // snprintf that refuses rather than truncates a statement.
@@ -83,8 +220,7 @@ int64_t InsertParamEvent(std::mutex& cs, const char* table, bool echo, uint32_t 
                          int nodeId, int nodeType, int eventType, int param, const char* descript) {
     eventType &= kEventTypeMask;
     const LogTimes t = MakeLogTimes(eventTime);
-    return InsertRow(cs, table, echo, [&](CMysqlDB& db, char* sql) {
-        const std::string text = Escaped(db, descript);
+    return InsertRow(cs, table, echo, descript, [&](const std::string& text, char* sql) {
         return PrintStatement(sql,
                               "insert into %s(nodeid,nodetype,eventtype,param,descript,logtime,"
                               "loctime) values (%d,%d,%d,%d,\"%s\",\"%s\",\"%s\")",
@@ -96,7 +232,7 @@ int64_t InsertParamEvent(std::mutex& cs, const char* table, bool echo, uint32_t 
 int64_t InsertFaceEvent(const char* table, uint32_t eventTime, int nodeId, int nodeType,
                         int personId, int age, int gender, int similarity) {
     const LogTimes t = MakeLogTimes(eventTime);
-    return InsertRow(csWritePerson, table, false, [&](CMysqlDB&, char* sql) {
+    return InsertRow(csWritePerson, table, false, nullptr, [&](const std::string&, char* sql) {
         return PrintStatement(sql,
                               "insert into %s(nodeid,nodetype,personid,age,gender,alike,status,"
                               "logtime,loctime) values (%d,%d,%d,%d,%d,%d,%d,\"%s\",\"%s\")",
@@ -135,6 +271,48 @@ int FieldInt(CMysqlRecordSet& rs, const char* name) {
 
 }  // namespace
 
+std::mutex* WriterFamilyLock(const char* table) {
+    static const std::pair<const char*, std::mutex*> kFamilies[] = {
+        {"deveventlog", &csWriteDev},         {"devrunlog", &csWriteRun},
+        {"devdiagnoselog", &csWriteDiagnose}, {"intveventlog", &csWriteIntv},
+        {"intveventlog2", &csWriteIntv},      {"faceeventlog", &csWritePerson},
+        {"faceeventlog2", &csWritePerson}};
+    if (!table) return nullptr;
+    for (const auto& f : kFamilies)
+        if (std::strcmp(f.first, table) == 0) return f.second;
+    return nullptr;
+}
+
+bool IsTransientDbError(unsigned int err) {
+    switch (err) {
+        case 1040:  // too many connections
+        case 1053:  // server shutdown in progress
+        case 1205:  // lock wait timeout
+        case 1213:  // deadlock
+        case 1290:  // read only (a cluster node leaving)
+        case 1927:  // connection killed
+        case 1047:  // unknown command (a cluster node not ready)
+            return true;
+        default:
+            return err >= 2000 && err < 3000;  // client side: connect, lost, gone away
+    }
+}
+
+std::string RepairText(const char* text) {
+    const std::string s = text ? text : "";
+    switch (ShapeOf(s)) {
+        case Utf8Shape::kClean:
+            return s;
+        case Utf8Shape::kNearly:
+            return ReplaceInvalid(s);
+        case Utf8Shape::kForeign:
+            break;
+    }
+    const std::string converted = FromGb18030(s);
+    if (!converted.empty() && ShapeOf(converted) == Utf8Shape::kClean) return converted;
+    return ReplaceInvalid(s);
+}
+
 void FormatLogTime(uint32_t t, char* out, size_t outSize) {
     if (!out || outSize == 0) return;
     int y = 0, mo = 0, d = 0, h = 0, mi = 0, s = 0, wd = 0;
@@ -146,13 +324,13 @@ int64_t WrightMySqlDevEventInfo(int nodeId, int nodeType, int eventType, const c
     eventType &= kEventTypeMask;
     char logtime[32];
     FormatLogTime(GetCurrentTime(), logtime, sizeof logtime);
-    return InsertRow(csWriteDev, "deveventlog", false, [&](CMysqlDB& db, char* sql) {
-        const std::string text = Escaped(db, descript);
-        return PrintStatement(sql,
-                              "insert into deveventlog(nodeid,nodetype,eventtype,descript,"
-                              "logtime) values (%d,%d,%d,\"%s\",\"%s\")",
-                              nodeId, nodeType, eventType, text.c_str(), logtime);
-    });
+    return InsertRow(
+        csWriteDev, "deveventlog", false, descript, [&](const std::string& text, char* sql) {
+            return PrintStatement(sql,
+                                  "insert into deveventlog(nodeid,nodetype,eventtype,descript,"
+                                  "logtime) values (%d,%d,%d,\"%s\",\"%s\")",
+                                  nodeId, nodeType, eventType, text.c_str(), logtime);
+        });
 }
 
 int64_t WrightMySqlDiagnoseInfo(uint32_t eventTime, int nodeId, int nodeType, int eventType,
@@ -193,15 +371,21 @@ int64_t WrightMySqlPersonStruct(uint32_t eventTime, int nodeId, int nodeType, in
 }
 
 bool UpdateNodeStatus(int id, int nodeType, unsigned int status) {
-    CMysqlDB db;
-    if (!ConnectDB(&db)) return false;
-    ConnectionGuard guard{&db};
     char sql[256] = {0};
-    if (const char* table = StatusTable(nodeType))
+    const char* table = StatusTable(nodeType);
+    if (table)
         std::snprintf(sql, sizeof sql, "update %s set status = %d where id = %d", table,
                       static_cast<int>(status), id);
-    // An unknown node type runs the empty statement, which the database rejects.
-    const bool ok = db.ExecuteUpdate(sql);
+    // An unknown node type has no statement to run.
+    WriteResult r = table ? WriteResult::kTransient : WriteResult::kFailed;
+    if (table && !spool::Holding()) r = RunStatement(nullptr, table, sql, nullptr);
+    // Spooled in order with the events, so the last state reported wins on replay; not
+    // printed then, as with an unreachable database before.
+    if (r == WriteResult::kTransient) {
+        spool::Append(spool::Kind::kStatus, table, sql);
+        return false;
+    }
+    const bool ok = r == WriteResult::kWritten;
     std::printf("UpdateNodeStatus %s %s\n", sql, ok ? "succ" : "faild");
     return ok;
 }

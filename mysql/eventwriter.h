@@ -6,13 +6,17 @@
 // at most one insert per family is in flight while families run in parallel. The
 // status update and the readers take no lock.
 //
-// Failures are reported only as a 0 id (or false): nothing is retried or queued, so an
-// event that meets a database outage is lost.
+// A failed write is printed once per run of failures with the database's error. A text the
+// database refuses as not being UTF-8 is converted from GB18030 when that gives valid text,
+// else its invalid bytes are replaced by U+FFFD, and the row is written. A row that cannot
+// be written because the database is away goes to the on-disk spool (mysql/spool.h) and is
+// written on replay; the writer then returns 0 (false for a status update).
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <string>
 
 class CMysqlDB;
 
@@ -25,6 +29,16 @@ struct _alarm_Info {
     int nNodeType;
     int nAlarmType;  // eventtype
 };
+
+// Writer family lock of a log table, null for other tables.
+std::mutex* WriterFamilyLock(const char* table);
+// Whether a statement that failed with this error could succeed later (connection lost,
+// server away or busy) rather than never.
+bool IsTransientDbError(unsigned int err);
+// `text` as valid UTF-8 without four-byte characters (what the connection accepts): text
+// that already is stays unchanged, a tail cut inside a character is replaced, other text is
+// read as GB18030 when that works, else every invalid byte becomes U+FFFD.
+std::string RepairText(const char* text);
 
 // Writer families.
 extern std::mutex csWriteDev;       // deveventlog

@@ -10,6 +10,7 @@
 
 #include "comm/globle.h"
 #include "comm/sysutil.h"
+#include "mysql/spool.h"
 #include "server/CmsSvrDlg.h"
 
 namespace {
@@ -123,6 +124,10 @@ int main(int argc, char** argv) {
     dlg.InitSDK();
     dlg.InitSystem();
     puts("InitSystem succ");
+    // Events spooled by an earlier run are written before anything newer.
+    spool::Configure("",
+                     m_cfgCms.nSpoolMB > 0 ? static_cast<uint64_t>(m_cfgCms.nSpoolMB) << 20 : 0);
+    spool::Resume();
     while (!bKillProg) {
         dlg.LoopOnce();
         if (bKillProg) break;

@@ -6,7 +6,10 @@
 
 #include "comm/globle.h"
 #include "comm/sysutil.h"
+#include "mysql/spool.h"
 #include "mysql/sqldbop.h"
+#include "support/daemon.h"
+#include "support/tcpcut.h"
 #include "support/testdb.h"
 
 namespace {
@@ -99,9 +102,12 @@ TEST_F(EventWriter, AlarmReadersHoldBackYoungAlarmsAndFindConfirmedOnes) {
     EXPECT_EQ(GetLastEvent(), 9);
 }
 
-TEST_F(EventWriter, DatabaseDownFailsQuietlyAndReleasesLocks) {
-    const _cmsParam saved = m_cfgCms;
-    m_cfgCms.szDbPort = 1;  // nothing listens there
+TEST_F(EventWriter, DatabaseDownSpoolsAndReleasesLocks) {
+    cmstest::TempDir dir;
+    spool::Configure(dir.path() + "/spool", 0);
+    cmstest::TcpCut cut(cmstest::TestDatabase::Port());
+    m_cfgCms.szDbPort = cut.Port();
+    cut.Cut();
     // Twice each: a writer that kept its mutex would hang on the second round.
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(
@@ -114,7 +120,11 @@ TEST_F(EventWriter, DatabaseDownFailsQuietlyAndReleasesLocks) {
     }
     EXPECT_FALSE(UpdateNodeStatus(5, 2, 0));
     EXPECT_EQ(GetLastEvent(), 0);
-    m_cfgCms = saved;
+    EXPECT_EQ(spool::PendingCount(), 15u);
+    cut.Restore();
+    ASSERT_TRUE(spool::WaitDrained(10000));
+    EXPECT_EQ(db.Count("deveventlog") + db.Count("faceeventlog2"), 4);
+    m_cfgCms.szDbPort = cmstest::TestDatabase::Port();
 }
 
 }  // namespace

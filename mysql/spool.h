@@ -1,0 +1,50 @@
+// The on-disk spool behind the event writers: a statement that cannot be written because the
+// database is away is appended here, and a replay thread writes the spooled statements back
+// in arrival order as soon as the database answers again. While anything is spooled, newer
+// statements are spooled too, so the database sees every row in arrival order.
+//
+// Exactly once: each record carries a sequence number that only grows (also across
+// restarts: it is at least the wall clock in microseconds). Replay runs each statement and
+// the update of `spoolcursor` in one transaction and skips records at or below the cursor,
+// so a crash at any point neither loses nor repeats a row.
+//
+// Files: segments `<first seq in hex>.seg` in the spool directory (mode 0700), each at most
+// an eighth of the size limit. Over the limit the oldest segment is dropped, printed at most
+// once a minute.
+//
+// Locks: one mutex guards the segment list and the state; the replay thread runs database
+// I/O outside it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace spool {
+
+constexpr uint64_t kDefaultLimitBytes = 1ull << 30;
+
+enum class Kind : uint8_t { kInsert = 1, kStatus = 2 };
+
+// Directory and size limit; empty dir keeps the current one ("var/spool/" at first), a 0
+// limit means the default. Takes effect for later appends.
+void Configure(const std::string& dir, uint64_t limitBytes);
+
+// True while records wait for replay: writers must append instead of writing directly.
+bool Holding();
+
+// Appends one statement of `table` and starts the replay thread. False only when the record
+// could not be stored on disk.
+bool Append(Kind kind, const char* table, const char* sql);
+
+// Picks up segments left by an earlier run and starts replaying them.
+void Resume();
+
+// Waits until the spool is empty or `timeoutMs` passed; true when empty. For tests and
+// shutdown.
+bool WaitDrained(uint32_t timeoutMs);
+
+// Records currently waiting and records dropped since start.
+uint64_t PendingCount();
+uint64_t DroppedCount();
+
+}  // namespace spool
