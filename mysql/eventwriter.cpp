@@ -69,7 +69,9 @@ void NoteFailure(unsigned int err, const std::string& text, const char* table) {
     std::printf("database write to %s failed: %s\n", table, text.c_str());
 }
 
-enum class WriteResult { kWritten, kRefusedText, kTransient, kFailed };
+// kUncertain: the connection broke after the statement went out, so it may have been
+// written; its replay looks for the row first.
+enum class WriteResult { kWritten, kRefusedText, kTransient, kUncertain, kFailed };
 
 // Runs one statement: an insert (id back in `id`) or, with a null `id`, an update.
 WriteResult RunStatement(std::mutex* cs, const char* table, const char* sql, int64_t* id) {
@@ -94,6 +96,7 @@ WriteResult RunStatement(std::mutex* cs, const char* table, const char* sql, int
     NoteFailure(err, std::to_string(err) + " " + (db.Handle() ? mysql_error(db.Handle()) : ""),
                 table);
     if (err == kIncorrectStringValue) return WriteResult::kRefusedText;
+    if (err >= 2000 && err < 3000) return WriteResult::kUncertain;
     return IsTransientDbError(err) ? WriteResult::kTransient : WriteResult::kFailed;
 }
 
@@ -108,7 +111,8 @@ int64_t InsertRow(std::mutex& cs, const char* table, bool echo, const char* desc
     int64_t id = 0;
     WriteResult r = WriteResult::kTransient;
     if (!spool::Holding()) r = RunStatement(&cs, table, sql, &id);
-    if (r == WriteResult::kRefusedText || (r == WriteResult::kTransient && descript)) {
+    const bool away = r == WriteResult::kTransient || r == WriteResult::kUncertain;
+    if (r == WriteResult::kRefusedText || (away && descript)) {
         // Text the connection would refuse is repaired before it waits in the spool too.
         const std::string fixed = RepairText(descript);
         if (fixed != descript) {
@@ -117,7 +121,10 @@ int64_t InsertRow(std::mutex& cs, const char* table, bool echo, const char* desc
             if (r == WriteResult::kRefusedText) r = RunStatement(&cs, table, sql, &id);
         }
     }
-    if (r == WriteResult::kTransient) spool::Append(spool::Kind::kInsert, table, sql);
+    if (away)
+        spool::Append(
+            r == WriteResult::kUncertain ? spool::Kind::kInsertUnsure : spool::Kind::kInsert, table,
+            sql);
     if (r != WriteResult::kWritten) return 0;
     metrics::CountRowWritten(table);
     return id;
@@ -381,7 +388,7 @@ bool UpdateNodeStatus(int id, int nodeType, unsigned int status) {
     if (table && !spool::Holding()) r = RunStatement(nullptr, table, sql, nullptr);
     // Spooled in order with the events, so the last state reported wins on replay; not
     // printed then, as with an unreachable database before.
-    if (r == WriteResult::kTransient) {
+    if (r == WriteResult::kTransient || r == WriteResult::kUncertain) {
         spool::Append(spool::Kind::kStatus, table, sql);
         return false;
     }

@@ -235,6 +235,35 @@ int64_t ReadCursor(CMysqlDB& db) {
     return seq;
 }
 
+// "insert into T(cols) values (vals)" -> "select 1 from T where (cols) = (vals) limit 1";
+// empty when the statement has another shape.
+std::string ProbeOf(const std::string& sql) {
+    static const char kHead[] = "insert into ";
+    static const char kValues[] = ") values (";
+    if (sql.compare(0, sizeof kHead - 1, kHead) != 0 || sql.empty() || sql.back() != ')')
+        return std::string();
+    const size_t open = sql.find('(');
+    const size_t values = sql.find(kValues);
+    if (open == std::string::npos || values == std::string::npos || values < open)
+        return std::string();
+    const std::string table = sql.substr(sizeof kHead - 1, open - (sizeof kHead - 1));
+    const std::string cols = sql.substr(open + 1, values - open - 1);
+    const size_t v = values + sizeof kValues - 1;
+    const std::string vals = sql.substr(v, sql.size() - 1 - v);
+    return "select 1 from " + table + " where (" + cols + ") = (" + vals + ") limit 1";
+}
+
+// 1 when the row of an unsure insert is there, 0 when not, -1 on failure.
+int RowExists(CMysqlDB& db, const std::string& sql) {
+    const std::string probe = ProbeOf(sql);
+    if (probe.empty()) return 0;
+    CMysqlRecordSet rs;
+    if (!rs.Open(&db, probe.c_str())) return -1;
+    const int found = rs.MoveNext() ? 1 : 0;
+    rs.Close();
+    return found;
+}
+
 enum class Outcome { kDone, kRetry, kSkip };
 
 // One record and the cursor in one transaction.
@@ -249,8 +278,13 @@ Outcome ReplayOne(CMysqlDB& db, const Record& rec) {
         std::unique_lock<std::mutex> lock;
         if (family) lock = std::unique_lock<std::mutex>(*family);
         int64_t id = 0;
-        ok = rec.kind == Kind::kInsert ? db.ExecuteInsert(rec.sql.c_str(), id)
-                                       : db.ExecuteUpdate(rec.sql.c_str());
+        const int exists = rec.kind == Kind::kInsertUnsure ? RowExists(db, rec.sql) : 0;
+        if (exists < 0) {
+            db.ExecuteUpdate("rollback");
+            return Outcome::kRetry;
+        }
+        ok = exists == 1 || (rec.kind == Kind::kStatus ? db.ExecuteUpdate(rec.sql.c_str())
+                                                       : db.ExecuteInsert(rec.sql.c_str(), id));
     }
     if (!ok) {
         const unsigned err = db.Handle() ? mysql_errno(db.Handle()) : 0;
@@ -263,7 +297,7 @@ Outcome ReplayOne(CMysqlDB& db, const Record& rec) {
         db.ExecuteUpdate("rollback");
         return Outcome::kRetry;
     }
-    if (rec.kind == Kind::kInsert) metrics::CountRowWritten(rec.table.c_str());
+    if (rec.kind != Kind::kStatus) metrics::CountRowWritten(rec.table.c_str());
     return Outcome::kDone;
 }
 

@@ -23,7 +23,9 @@ namespace spool {
 
 constexpr uint64_t kDefaultLimitBytes = 1ull << 30;
 
-enum class Kind : uint8_t { kInsert = 1, kStatus = 2 };
+// kInsertUnsure: an insert whose connection broke after it was sent, which the database
+// may have written; replay writes it only when no row with the same values exists.
+enum class Kind : uint8_t { kInsert = 1, kStatus = 2, kInsertUnsure = 3 };
 
 // Directory and size limit; empty dir keeps the current one ("var/spool/" at first), a 0
 // limit means the default. Takes effect for later appends.
