@@ -93,4 +93,33 @@ TEST(Outage, StreamOverADatabaseOutageLosesNothing) {
     m_cfgCms.szDbPort = cmstest::TestDatabase::Port();
 }
 
+// A spool left full by an earlier run: the server writes what it holds, oldest kept first,
+// before anything else.
+TEST(Outage, RestartedServerReplaysALeftFullSpool) {
+    cmstest::TestDatabase db;
+    ASSERT_TRUE(db.ok());
+    cmstest::DaemonSettings settings;
+    settings.dbName = db.name();
+    settings.dbPort = cmstest::TestDatabase::Port();
+    cmstest::Daemon daemon(settings);
+    // This process plays the earlier run: its database is cut while it spools.
+    cmstest::TcpCut cut(cmstest::TestDatabase::Port());
+    m_cfgCms.szDbPort = cut.Port();
+    cut.Cut();
+    spool::Configure(daemon.dir().File("var/spool/"), 200 * 1024);
+    const std::string text(600, 'y');
+    for (int i = 0; i < 1000; ++i) WrightMySqlAlarmInfo(1700000000, 1, 3, 5, i, text.c_str());
+    const uint64_t kept = spool::PendingCount();
+    ASSERT_GT(spool::DroppedCount(), 0u);
+
+    ASSERT_TRUE(daemon.Start());
+    EXPECT_TRUE(daemon.WaitFor("spool drained", std::chrono::seconds(30))) << daemon.Output();
+    EXPECT_EQ(db.Count("intveventlog"), static_cast<long long>(kept));
+    EXPECT_EQ(db.Scalar("select max(param) from intveventlog"), "999");
+    EXPECT_EQ(
+        db.Scalar("select count(*) from intveventlog a join intveventlog b on b.id = a.id + 1 "
+                  "where b.param <> a.param + 1"),
+        "0");
+}
+
 }  // namespace
