@@ -1,8 +1,11 @@
 // Cascade node lists and region route paths.
 #include "mysql/nodecatalog.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -370,6 +373,16 @@ bool WalkCmsNodes(int flag, Sink& sink) {
     return true;
 }
 
+// A whole catalogue's block runs to hundreds of megabytes; faulting it in a page at a time
+// costs more than packing it. Asked for before the block is first touched.
+void AdviseHugePages(void* data, size_t n) {
+    constexpr uintptr_t kHuge = 2u << 20;
+    if (n < 2 * kHuge) return;
+    const uintptr_t begin = (reinterpret_cast<uintptr_t>(data) + kHuge - 1) & ~(kHuge - 1);
+    const uintptr_t end = (reinterpret_cast<uintptr_t>(data) + n) & ~(kHuge - 1);
+    if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+}
+
 // Heap nodes for GetCmsNodesFromSystem: folders in front of what the list held.
 struct ListSink {
     NodeList& out;
@@ -389,7 +402,9 @@ struct PackSink {
     size_t used = 0;                // slots written
 
     void Reserve(size_t bound) {
-        block.reset(new char[std::max<size_t>(bound, 1) * NODE_INFO_SIZE]);
+        const size_t bytes = std::max<size_t>(bound, 1) * NODE_INFO_SIZE;
+        block.reset(new char[bytes]);
+        AdviseHugePages(block.get(), bytes);
     }
     void Folder(const node_info& n) { Add(n); }
     void Member(const node_info& n) { Add(n); }

@@ -1,6 +1,9 @@
 #include "framecodec.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 
 #include "VornNetSDK.h"
@@ -96,6 +99,20 @@ bool MessageCodec::EncodeState(int state, OutFrame& out) const {
     return EncodeData(payload, sizeof payload, out, kResultState);
 }
 
+namespace {
+
+// A reply of hundreds of megabytes (a whole catalogue) would otherwise fault its copy in a
+// page at a time, which costs more than the copy. Asked for before the buffer is touched.
+void AdviseHugePages(void* data, size_t n) {
+    constexpr uintptr_t kHuge = 2u << 20;
+    if (n < 2 * kHuge) return;
+    const uintptr_t begin = (reinterpret_cast<uintptr_t>(data) + kHuge - 1) & ~(kHuge - 1);
+    const uintptr_t end = (reinterpret_cast<uintptr_t>(data) + n) & ~(kHuge - 1);
+    if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+}
+
+}  // namespace
+
 bool MessageCodec::EncodeData(const uint8_t* data, size_t n, OutFrame& out) const {
     return EncodeData(data, n, out, kResultData);
 }
@@ -104,6 +121,8 @@ bool MessageCodec::EncodeData(const uint8_t* data, size_t n, OutFrame& out, uint
     uint8_t head[kResultHeadSize];
     if (!PutResultHead(head, subCode, n)) return false;
     out.head.assign(std::begin(head), std::end(head));
+    out.body.reserve(n);
+    AdviseHugePages(out.body.data(), n);
     out.body.assign(data, data + n);
     return true;
 }
