@@ -113,7 +113,9 @@ TEST_F(NodeRegistration, RepushedRegionsAndDevicesUpdateTheirRow) {
     CatalogReadLock lock(csCatalog);
     int mirrors = 0;
     for (const _msg_region_base* r : m_arrRegionInfos) {
-        if (std::strcmp(r->szSerial, "3498") == 0) EXPECT_STREQ(r->szName, "c'd");
+        if (std::strcmp(r->szSerial, "3498") == 0) {
+            EXPECT_STREQ(r->szName, "c'd");
+        }
         if (std::strcmp(r->szSerial, dev) != 0) continue;
         ++mirrors;
         EXPECT_EQ(r->nID, device);
