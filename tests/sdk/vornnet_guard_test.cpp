@@ -173,6 +173,18 @@ TEST(ReplyBudgetTest, TheLongestQueueIsClosedWhenAllTogetherAreOverTheBudget) {
     VornNetSDK_SetReplyBudget(0);
 }
 
+TEST(ReplyBudgetTest, ALoneClientsReplyMayExceedTheBudget) {
+    VornNetSDK_Init(nullptr);
+    VornNetSDK_SetReplyBudget(2 << 20);
+    const int server = VornStartServer(0, VORN_MODE_MESSAGE, &AnswerBig, nullptr);
+    Peer alone("127.0.0.1", VornServerGetListenPort(server));
+    ASSERT_TRUE(alone.Send(std::string("\x0c\0\0\0\x09\0\0\0\0\0\0\0\0\0\0\0", 16)));
+    std::this_thread::sleep_for(milliseconds(500));  // not reading: 4 MiB stay queued
+    EXPECT_FALSE(alone.Closed(300));
+    VornStopServer(server);
+    VornNetSDK_SetReplyBudget(0);
+}
+
 INSTANTIATE_TEST_SUITE_P(BothPorts, GuardTest, ::testing::Values(VORN_MODE_MESSAGE, VORN_MODE_HTTP),
                          [](const auto& info) {
                              return std::string(info.param == VORN_MODE_HTTP ? "Http" : "Message");

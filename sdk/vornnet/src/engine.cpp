@@ -96,7 +96,9 @@ void Engine::AddQueued(int64_t bytes) {
             }
         }
     }
-    if (largest) {
+    // A lone client's reply may exceed the budget (a whole-catalogue list does): only
+    // memory held for several clients at once is the danger the budget guards against.
+    if (largest && static_cast<int64_t>(largest->QueuedBytes()) < total) {
         largest->CloseForBudget();  // clears m_trimming once closed
     } else {
         m_trimming.store(false);
