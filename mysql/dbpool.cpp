@@ -32,9 +32,11 @@ struct Pool {
     uint32_t idleCheckMs = 2000;
 };
 
+// Never destroyed: threads may still borrow while the process exits, and the idle
+// connections stay reachable rather than being dropped unclosed.
 Pool& ThePool() {
-    static Pool pool;
-    return pool;
+    static Pool* pool = new Pool;
+    return *pool;
 }
 
 std::string KeyOf(const char* host, int port, const char* user, const char* password,
