@@ -140,9 +140,11 @@ std::string Registry::Render() const {
     return out;
 }
 
+// Never destroyed: detached threads (the spool's replay) may still count while the
+// process exits.
 Registry& Default() {
-    static Registry registry;
-    return registry;
+    static Registry* registry = new Registry;
+    return *registry;
 }
 
 void RegisterServerMetrics() {

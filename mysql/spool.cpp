@@ -68,9 +68,10 @@ struct State {
     bool resumed = false;
 };
 
+// Never destroyed: the detached replay thread may still use it while the process exits.
 State& S() {
-    static State s;
-    return s;
+    static State* s = new State;
+    return *s;
 }
 
 uint64_t NowMicros() {
