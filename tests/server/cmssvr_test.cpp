@@ -33,7 +33,7 @@ bool CanConnect(int port) {
 
 // The binary run in an empty directory with `arg`, and `fault` as CMS_TEST_FAULT when
 // given. Once its output holds `until` (or at once when empty) it gets SIGTERM; `status` is
-// what waitpid reports, -1 when it did not end within 5 s.
+// what waitpid reports, -1 when it did not end within 20 s (sanitizer builds start slowly).
 struct RunResult {
     int status = -1;
     std::string output;
@@ -55,7 +55,7 @@ RunResult RunBinary(const char* arg, const char* fault, const std::string& until
     }
     RunResult r;
     bool signalled = until.empty();
-    for (int i = 0; i < 500; ++i) {
+    for (int i = 0; i < 2000; ++i) {
         if (waitpid(pid, &r.status, WNOHANG) == pid) break;
         r.status = -1;
         if (!signalled && cmstest::ReadFile(out).find(until) != std::string::npos)
