@@ -65,6 +65,16 @@ CMysqlDB::CMysqlDB()
 
 CMysqlDB::~CMysqlDB() { Close(); }
 
+void CMysqlDB::Remember(const char* host, int port, const char* user, const char* password,
+                        const char* database) {
+    CopyText(m_szHost, host);
+    CopyText(m_szUser, user);
+    CopyText(m_szPass, password);
+    CopyText(m_db, database);
+    m_nPort = port;
+    m_bReusable = true;
+}
+
 bool CMysqlDB::Connect(const char* host, int port, const char* user, const char* password,
                        const char* database) {
     std::lock_guard<std::mutex> lock(m_cs);
@@ -72,12 +82,7 @@ bool CMysqlDB::Connect(const char* host, int port, const char* user, const char*
     sock = dbpool::Open(host, port, user, password, database);
     m_bOpen = sock != nullptr;
     if (m_bOpen) {
-        CopyText(m_szHost, host);
-        CopyText(m_szUser, user);
-        CopyText(m_szPass, password);
-        CopyText(m_db, database);
-        m_nPort = port;
-        m_bReusable = true;
+        Remember(host, port, user, password, database);
     }
     m_unExcude = GetTickCount();
     return m_bOpen;
@@ -92,12 +97,7 @@ bool CMysqlDB::Borrow(const char* host, int port, const char* user, const char* 
     m_bOpen = sock != nullptr;
     m_bPooled = m_bOpen;
     if (m_bOpen) {
-        CopyText(m_szHost, host);
-        CopyText(m_szUser, user);
-        CopyText(m_szPass, password);
-        CopyText(m_db, database);
-        m_nPort = port;
-        m_bReusable = true;
+        Remember(host, port, user, password, database);
         m_bSetsInsertId = false;
     }
     m_unExcude = GetTickCount();

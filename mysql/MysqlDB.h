@@ -57,6 +57,9 @@ public:
     MYSQL* Handle() const { return sock; }
 
 private:
+    // Keeps the settings of a newly opened connection; it starts out reusable.
+    void Remember(const char* host, int port, const char* user, const char* password,
+                  const char* database);
     void ReleaseStreaming();
     // Before a statement that might read or set last_insert_id(): clears a value left by an
     // earlier borrower. False when that fails (the connection is then not reused).
