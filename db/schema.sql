@@ -350,8 +350,9 @@ CREATE TABLE IF NOT EXISTS stiffinfo (
 CREATE OR REPLACE VIEW staffinfo AS
   SELECT id, name, faceid, gender, idcard, department, remark FROM stiffinfo;
 
--- Replay position of the server's event spool: the sequence number of the last spooled
--- statement written, updated in the same transaction as that statement.
+-- Replay position of the server's event spool: row 1 holds the sequence number of the last
+-- spooled statement written, updated in the same transaction as that statement; row 2 the id
+-- of the row it inserted when that row has pictures to store.
 CREATE TABLE IF NOT EXISTS spoolcursor (
   id INT NOT NULL PRIMARY KEY,
   seq BIGINT UNSIGNED NOT NULL DEFAULT 0

@@ -100,11 +100,19 @@ WriteResult RunStatement(std::mutex* cs, const char* table, const char* sql, int
     return IsTransientDbError(err) ? WriteResult::kTransient : WriteResult::kFailed;
 }
 
+// The event's pictures, stored under the new row's id: at once after a direct insert, by
+// the replay after a spooled one.
+struct Pictures {
+    const spool::Picture* items = nullptr;
+    size_t count = 0;
+};
+
 // The common shape of every insert into `table`: let `build` print the statement for the
 // escaped description into a zeroed buffer (false: refuse), run it under `cs` and hand back
 // the new id. A refused text is repaired once; a row meeting an outage is spooled.
 template <class Build>
-int64_t InsertRow(std::mutex& cs, const char* table, bool echo, const char* descript, Build build) {
+int64_t InsertRow(std::mutex& cs, const char* table, bool echo, const char* descript,
+                  Pictures pictures, Build build) {
     char sql[kStatementSize] = {0};
     if (!build(Escaped(descript), sql)) return 0;
     if (echo) std::printf("alarm:%s\n", sql);
@@ -124,9 +132,10 @@ int64_t InsertRow(std::mutex& cs, const char* table, bool echo, const char* desc
     if (away)
         spool::Append(
             r == WriteResult::kUncertain ? spool::Kind::kInsertUnsure : spool::Kind::kInsert, table,
-            sql);
+            sql, pictures.items, pictures.count);
     if (r != WriteResult::kWritten) return 0;
     metrics::CountRowWritten(table);
+    spool::SavePictures(id, pictures.items, pictures.count);
     return id;
 }
 
@@ -224,10 +233,11 @@ bool PrintStatement(char* sql, const char* format, Args... args) {
 
 // devdiagnoselog, devrunlog, intveventlog and intveventlog2 share one column list.
 int64_t InsertParamEvent(std::mutex& cs, const char* table, bool echo, uint32_t eventTime,
-                         int nodeId, int nodeType, int eventType, int param, const char* descript) {
+                         int nodeId, int nodeType, int eventType, int param, const char* descript,
+                         Pictures pictures = {}) {
     eventType &= kEventTypeMask;
     const LogTimes t = MakeLogTimes(eventTime);
-    return InsertRow(cs, table, echo, descript, [&](const std::string& text, char* sql) {
+    return InsertRow(cs, table, echo, descript, pictures, [&](const std::string& text, char* sql) {
         return PrintStatement(sql,
                               "insert into %s(nodeid,nodetype,eventtype,param,descript,logtime,"
                               "loctime) values (%d,%d,%d,%d,\"%s\",\"%s\",\"%s\")",
@@ -237,15 +247,16 @@ int64_t InsertParamEvent(std::mutex& cs, const char* table, bool echo, uint32_t 
 }
 
 int64_t InsertFaceEvent(const char* table, uint32_t eventTime, int nodeId, int nodeType,
-                        int personId, int age, int gender, int similarity) {
+                        int personId, int age, int gender, int similarity, Pictures pictures) {
     const LogTimes t = MakeLogTimes(eventTime);
-    return InsertRow(csWritePerson, table, false, nullptr, [&](const std::string&, char* sql) {
-        return PrintStatement(sql,
-                              "insert into %s(nodeid,nodetype,personid,age,gender,alike,status,"
-                              "logtime,loctime) values (%d,%d,%d,%d,%d,%d,%d,\"%s\",\"%s\")",
-                              table, nodeId, nodeType, personId, age, gender, similarity, 0,
-                              t.logtime, t.loctime);
-    });
+    return InsertRow(
+        csWritePerson, table, false, nullptr, pictures, [&](const std::string&, char* sql) {
+            return PrintStatement(sql,
+                                  "insert into %s(nodeid,nodetype,personid,age,gender,alike,status,"
+                                  "logtime,loctime) values (%d,%d,%d,%d,%d,%d,%d,\"%s\",\"%s\")",
+                                  table, nodeId, nodeType, personId, age, gender, similarity, 0,
+                                  t.logtime, t.loctime);
+        });
 }
 
 const char* StatusTable(int nodeType) {
@@ -332,7 +343,7 @@ int64_t WrightMySqlDevEventInfo(int nodeId, int nodeType, int eventType, const c
     char logtime[32];
     FormatLogTime(GetCurrentTime(), logtime, sizeof logtime);
     return InsertRow(
-        csWriteDev, "deveventlog", false, descript, [&](const std::string& text, char* sql) {
+        csWriteDev, "deveventlog", false, descript, {}, [&](const std::string& text, char* sql) {
             return PrintStatement(sql,
                                   "insert into deveventlog(nodeid,nodetype,eventtype,descript,"
                                   "logtime) values (%d,%d,%d,\"%s\",\"%s\")",
@@ -342,8 +353,15 @@ int64_t WrightMySqlDevEventInfo(int nodeId, int nodeType, int eventType, const c
 
 int64_t WrightMySqlDiagnoseInfo(uint32_t eventTime, int nodeId, int nodeType, int eventType,
                                 int param, const char* descript) {
+    return WrightMySqlDiagnoseInfo(eventTime, nodeId, nodeType, eventType, param, descript, nullptr,
+                                   0);
+}
+
+int64_t WrightMySqlDiagnoseInfo(uint32_t eventTime, int nodeId, int nodeType, int eventType,
+                                int param, const char* descript, const spool::Picture* pictures,
+                                size_t pictureCount) {
     return InsertParamEvent(csWriteDiagnose, "devdiagnoselog", false, eventTime, nodeId, nodeType,
-                            eventType, param, descript);
+                            eventType, param, descript, {pictures, pictureCount});
 }
 
 int64_t WrightMySqlRunInfo(uint32_t eventTime, int nodeId, int nodeType, int eventType, int param,
@@ -355,26 +373,54 @@ int64_t WrightMySqlRunInfo(uint32_t eventTime, int nodeId, int nodeType, int eve
 
 int64_t WrightMySqlAlarmInfo(uint32_t eventTime, int nodeId, int nodeType, int eventType, int param,
                              const char* descript) {
+    return WrightMySqlAlarmInfo(eventTime, nodeId, nodeType, eventType, param, descript, nullptr,
+                                0);
+}
+
+int64_t WrightMySqlAlarmInfo(uint32_t eventTime, int nodeId, int nodeType, int eventType, int param,
+                             const char* descript, const spool::Picture* pictures,
+                             size_t pictureCount) {
     return InsertParamEvent(csWriteIntv, "intveventlog", true, eventTime, nodeId, nodeType,
-                            eventType, param, descript);
+                            eventType, param, descript, {pictures, pictureCount});
 }
 
 int64_t WrightMySqlAlarmInfoStruct(uint32_t eventTime, int nodeId, int nodeType, int eventType,
                                    int param, const char* descript) {
+    return WrightMySqlAlarmInfoStruct(eventTime, nodeId, nodeType, eventType, param, descript,
+                                      nullptr, 0);
+}
+
+int64_t WrightMySqlAlarmInfoStruct(uint32_t eventTime, int nodeId, int nodeType, int eventType,
+                                   int param, const char* descript, const spool::Picture* pictures,
+                                   size_t pictureCount) {
     return InsertParamEvent(csWriteIntv, "intveventlog2", true, eventTime, nodeId, nodeType,
-                            eventType, param, descript);
+                            eventType, param, descript, {pictures, pictureCount});
 }
 
 int64_t WrightMySqlPerson(uint32_t eventTime, int nodeId, int nodeType, int personId, int age,
                           int gender, int similarity) {
+    return WrightMySqlPerson(eventTime, nodeId, nodeType, personId, age, gender, similarity,
+                             nullptr, 0);
+}
+
+int64_t WrightMySqlPerson(uint32_t eventTime, int nodeId, int nodeType, int personId, int age,
+                          int gender, int similarity, const spool::Picture* pictures,
+                          size_t pictureCount) {
     return InsertFaceEvent("faceeventlog", eventTime, nodeId, nodeType, personId, age, gender,
-                           similarity);
+                           similarity, {pictures, pictureCount});
 }
 
 int64_t WrightMySqlPersonStruct(uint32_t eventTime, int nodeId, int nodeType, int personId, int age,
                                 int gender, int similarity) {
+    return WrightMySqlPersonStruct(eventTime, nodeId, nodeType, personId, age, gender, similarity,
+                                   nullptr, 0);
+}
+
+int64_t WrightMySqlPersonStruct(uint32_t eventTime, int nodeId, int nodeType, int personId, int age,
+                                int gender, int similarity, const spool::Picture* pictures,
+                                size_t pictureCount) {
     return InsertFaceEvent("faceeventlog2", eventTime, nodeId, nodeType, personId, age, gender,
-                           similarity);
+                           similarity, {pictures, pictureCount});
 }
 
 bool UpdateNodeStatus(int id, int nodeType, unsigned int status) {

@@ -11,12 +11,19 @@
 // else its invalid bytes are replaced by U+FFFD, and the row is written. A row that cannot
 // be written because the database is away goes to the on-disk spool (mysql/spool.h) and is
 // written on replay; the writer then returns 0 (false for a status update).
+//
+// Pictures: the overloads taking `pictures` store them (spool::Picture: file area, index,
+// bytes) under the new row's id with SaveFileEx, right after a direct insert; a spooled row
+// carries them in its record and the replay stores them under the id the row gets then,
+// as the same files. The caller keeps the bytes only for the duration of the call.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <string>
+
+#include "mysql/spool.h"
 
 class CMysqlDB;
 
@@ -56,19 +63,34 @@ void FormatLogTime(uint32_t t, char* out, size_t outSize);
 int64_t WrightMySqlDevEventInfo(int nodeId, int nodeType, int eventType, const char* descript);
 int64_t WrightMySqlDiagnoseInfo(uint32_t eventTime, int nodeId, int nodeType, int eventType,
                                 int param, const char* descript);
+int64_t WrightMySqlDiagnoseInfo(uint32_t eventTime, int nodeId, int nodeType, int eventType,
+                                int param, const char* descript, const spool::Picture* pictures,
+                                size_t pictureCount);
 // An event time of 0 means "now" here alone.
 int64_t WrightMySqlRunInfo(uint32_t eventTime, int nodeId, int nodeType, int eventType, int param,
                            const char* descript);
 // Both print "alarm:<statement>" before running it.
 int64_t WrightMySqlAlarmInfo(uint32_t eventTime, int nodeId, int nodeType, int eventType, int param,
                              const char* descript);
+int64_t WrightMySqlAlarmInfo(uint32_t eventTime, int nodeId, int nodeType, int eventType, int param,
+                             const char* descript, const spool::Picture* pictures,
+                             size_t pictureCount);
 int64_t WrightMySqlAlarmInfoStruct(uint32_t eventTime, int nodeId, int nodeType, int eventType,
                                    int param, const char* descript);
+int64_t WrightMySqlAlarmInfoStruct(uint32_t eventTime, int nodeId, int nodeType, int eventType,
+                                   int param, const char* descript, const spool::Picture* pictures,
+                                   size_t pictureCount);
 // Face recognitions: the similarity goes to `alike`, `status` is always 0.
 int64_t WrightMySqlPerson(uint32_t eventTime, int nodeId, int nodeType, int personId, int age,
                           int gender, int similarity);
+int64_t WrightMySqlPerson(uint32_t eventTime, int nodeId, int nodeType, int personId, int age,
+                          int gender, int similarity, const spool::Picture* pictures,
+                          size_t pictureCount);
 int64_t WrightMySqlPersonStruct(uint32_t eventTime, int nodeId, int nodeType, int personId, int age,
                                 int gender, int similarity);
+int64_t WrightMySqlPersonStruct(uint32_t eventTime, int nodeId, int nodeType, int personId, int age,
+                                int gender, int similarity, const spool::Picture* pictures,
+                                size_t pictureCount);
 
 // Writes the status word of a device (2), channel (3), server (1) or server channel (9).
 // Any other node type fails. Prints the statement with "succ" or "faild".

@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "comm/filestore.h"
 #include "comm/metrics.h"
 #include "comm/sysutil.h"
 #include "mysql/sqldbop.h"
@@ -27,14 +28,20 @@ namespace {
 constexpr uint32_t kMagic = 0x52534d43;  // "CMSR"
 constexpr uint64_t kMinSegment = 64 * 1024;
 constexpr uint64_t kMaxSegment = 64ull << 20;
-constexpr uint32_t kMaxBody = 1 << 20;
+constexpr uint32_t kMaxBody = 32u << 20;  // an event with pictures of up to 16 MiB
 constexpr uint32_t kDropReportSeconds = 60;
 constexpr uint32_t kRetryMs = 500;
 
 struct Header {
     uint32_t magic;
-    uint32_t bodyLength;  // kind byte, table, NUL, statement
+    uint32_t bodyLength;  // kind byte, table, NUL, statement [, NUL, pictures]
     uint64_t seq;
+};
+
+struct StoredPicture {
+    std::string area;
+    int32_t index = 0;
+    std::string bytes;
 };
 
 struct Record {
@@ -42,6 +49,7 @@ struct Record {
     Kind kind = Kind::kInsert;
     std::string table;
     std::string sql;
+    std::vector<StoredPicture> pictures;
 };
 
 struct Segment {
@@ -117,25 +125,76 @@ bool WriteAll(int fd, const char* p, size_t n) {
     return true;
 }
 
-// Reads the record at `offset` of `path`; false at the end or at a torn tail.
-bool ReadRecord(const std::string& path, uint64_t offset, Record& rec, uint64_t& next) {
+// A picture that SaveFileEx would refuse anyway is not kept.
+bool Storable(const Picture& p) { return p.area && p.data && p.length >= 0; }
+
+void PutPictures(std::string& body, const Picture* pictures, size_t count) {
+    bool first = true;
+    for (size_t i = 0; pictures && i < count; ++i) {
+        const Picture& p = pictures[i];
+        if (!Storable(p)) continue;
+        if (first) body += '\0';
+        first = false;
+        body += p.area;
+        body += '\0';
+        body.append(reinterpret_cast<const char*>(&p.index), sizeof p.index);
+        body.append(reinterpret_cast<const char*>(&p.length), sizeof p.length);
+        body.append(p.data, static_cast<size_t>(p.length));
+    }
+}
+
+// The pictures from `pos` to the end of `body`; false when they run past it.
+bool TakePictures(const std::string& body, size_t pos, std::vector<StoredPicture>& out) {
+    while (pos < body.size()) {
+        const size_t nul = body.find('\0', pos);
+        if (nul == std::string::npos || body.size() - nul - 1 < 8) return false;
+        StoredPicture p;
+        p.area = body.substr(pos, nul - pos);
+        int32_t length = 0;
+        std::memcpy(&p.index, &body[nul + 1], sizeof p.index);
+        std::memcpy(&length, &body[nul + 5], sizeof length);
+        pos = nul + 9;
+        if (length < 0 || static_cast<size_t>(length) > body.size() - pos) return false;
+        p.bytes = body.substr(pos, static_cast<size_t>(length));
+        pos += static_cast<size_t>(length);
+        out.push_back(std::move(p));
+    }
+    return true;
+}
+
+bool ParseBody(const std::string& body, Record& rec) {
+    const size_t nul = body.find('\0', 1);
+    if (nul == std::string::npos) return false;
+    const size_t end = body.find('\0', nul + 1);  // only a record with pictures has one
+    rec.kind = static_cast<Kind>(body[0]);
+    rec.table = body.substr(1, nul - 1);
+    rec.sql = body.substr(nul + 1, end == std::string::npos ? std::string::npos : end - nul - 1);
+    rec.pictures.clear();
+    return end == std::string::npos || TakePictures(body, end + 1, rec.pictures);
+}
+
+// Reads the record at `offset` of `path`; false at the end or at a torn tail. Without
+// `withBody` only the sequence number is read (and the body's presence checked): what
+// counting and position checks need, without reading pictures.
+bool ReadRecord(const std::string& path, uint64_t offset, Record& rec, uint64_t& next,
+                bool withBody = true) {
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return false;
     bool ok = false;
     Header h{};
+    struct stat st {};
     if (lseek(fd, static_cast<off_t>(offset), SEEK_SET) >= 0 && ReadAll(fd, &h, sizeof h) &&
         h.magic == kMagic && h.bodyLength >= 2 && h.bodyLength <= kMaxBody) {
-        std::string body(h.bodyLength, '\0');
-        if (ReadAll(fd, &body[0], body.size())) {
-            const size_t nul = body.find('\0', 1);
-            if (nul != std::string::npos) {
-                rec.seq = h.seq;
-                rec.kind = static_cast<Kind>(body[0]);
-                rec.table = body.substr(1, nul - 1);
-                rec.sql = body.substr(nul + 1);
-                next = offset + sizeof h + h.bodyLength;
-                ok = true;
-            }
+        if (!withBody) {
+            ok = fstat(fd, &st) == 0 &&
+                 static_cast<uint64_t>(st.st_size) >= offset + sizeof h + h.bodyLength;
+        } else {
+            std::string body(h.bodyLength, '\0');
+            ok = ReadAll(fd, &body[0], body.size()) && ParseBody(body, rec);
+        }
+        if (ok) {
+            rec.seq = h.seq;
+            next = offset + sizeof h + h.bodyLength;
         }
     }
     close(fd);
@@ -156,7 +215,7 @@ void EnforceLimit(State& s) {
         if (s.readOffset > 0) {
             uint64_t off = 0, n = 0, next = 0;
             Record r;
-            while (off < s.readOffset && ReadRecord(old.path, off, r, next)) {
+            while (off < s.readOffset && ReadRecord(old.path, off, r, next, false)) {
                 off = next;
                 ++n;
             }
@@ -222,10 +281,13 @@ void PrintReplayError(CMysqlDB& db, const Record& rec) {
                 h ? mysql_errno(h) : 0u, h ? mysql_error(h) : "no connection");
 }
 
-// -1: the cursor could not be read (database away).
-int64_t ReadCursor(CMysqlDB& db) {
+// Row 1 of `spoolcursor`: the last record replayed; row 2: the id of the row it inserted
+// when it carried pictures. -1: the cursor could not be read (database away).
+int64_t ReadCursor(CMysqlDB& db, int row = 1) {
+    char sql[64];
+    std::snprintf(sql, sizeof sql, "select seq from spoolcursor where id = %d", row);
     CMysqlRecordSet rs;
-    if (!rs.Open(&db, "select seq from spoolcursor where id = 1")) return -1;
+    if (!rs.Open(&db, sql)) return -1;
     int64_t seq = 0;
     if (rs.MoveNext()) {
         char value[32] = {0};
@@ -236,7 +298,7 @@ int64_t ReadCursor(CMysqlDB& db) {
     return seq;
 }
 
-// "insert into T(cols) values (vals)" -> "select 1 from T where (cols) = (vals) limit 1";
+// "insert into T(cols) values (vals)" -> "select id from T where (cols) = (vals) limit 1";
 // empty when the statement has another shape.
 std::string ProbeOf(const std::string& sql) {
     static const char kHead[] = "insert into ";
@@ -251,35 +313,36 @@ std::string ProbeOf(const std::string& sql) {
     const std::string cols = sql.substr(open + 1, values - open - 1);
     const size_t v = values + sizeof kValues - 1;
     const std::string vals = sql.substr(v, sql.size() - 1 - v);
-    return "select 1 from " + table + " where (" + cols + ") = (" + vals + ") limit 1";
+    return "select id from " + table + " where (" + cols + ") = (" + vals + ") limit 1";
 }
 
-// 1 when the row of an unsure insert is there, 0 when not, -1 on failure.
-int RowExists(CMysqlDB& db, const std::string& sql) {
+// 1 when the row of an unsure insert is there (its id in `id`), 0 when not, -1 on failure.
+int RowExists(CMysqlDB& db, const std::string& sql, int64_t& id) {
     const std::string probe = ProbeOf(sql);
     if (probe.empty()) return 0;
     CMysqlRecordSet rs;
     if (!rs.Open(&db, probe.c_str())) return -1;
     const int found = rs.MoveNext() ? 1 : 0;
+    if (found) {
+        char value[32] = {0};
+        rs.GetFieldValue("id", value);
+        id = std::strtoll(value, nullptr, 10);
+    }
     rs.Close();
     return found;
 }
 
 enum class Outcome { kDone, kRetry, kSkip };
 
-// One record and the cursor in one transaction.
-Outcome ReplayOne(CMysqlDB& db, const Record& rec) {
+// One record and the cursor in one transaction; the inserted row's id in `id`.
+Outcome ReplayOne(CMysqlDB& db, const Record& rec, int64_t& id) {
     std::mutex* family = WriterFamilyLock(rec.table.c_str());
-    char cursor[96];
-    std::snprintf(cursor, sizeof cursor, "replace into spoolcursor(id,seq) values (1,%llu)",
-                  static_cast<unsigned long long>(rec.seq));
     if (!db.ExecuteUpdate("start transaction")) return Outcome::kRetry;
     bool ok = false;
     {
         std::unique_lock<std::mutex> lock;
         if (family) lock = std::unique_lock<std::mutex>(*family);
-        int64_t id = 0;
-        const int exists = rec.kind == Kind::kInsertUnsure ? RowExists(db, rec.sql) : 0;
+        const int exists = rec.kind == Kind::kInsertUnsure ? RowExists(db, rec.sql, id) : 0;
         if (exists < 0) {
             db.ExecuteUpdate("rollback");
             return Outcome::kRetry;
@@ -293,6 +356,15 @@ Outcome ReplayOne(CMysqlDB& db, const Record& rec) {
         db.ExecuteUpdate("rollback");
         return IsTransientDbError(err) ? Outcome::kRetry : Outcome::kSkip;
     }
+    char cursor[128];
+    const auto seq = static_cast<unsigned long long>(rec.seq);
+    if (rec.pictures.empty())
+        std::snprintf(cursor, sizeof cursor, "replace into spoolcursor(id,seq) values (1,%llu)",
+                      seq);
+    else
+        std::snprintf(cursor, sizeof cursor,
+                      "replace into spoolcursor(id,seq) values (1,%llu),(2,%lld)", seq,
+                      static_cast<long long>(id));
     if (!db.ExecuteUpdate(cursor) || !db.ExecuteUpdate("commit")) {
         PrintReplayError(db, rec);
         db.ExecuteUpdate("rollback");
@@ -300,6 +372,14 @@ Outcome ReplayOne(CMysqlDB& db, const Record& rec) {
     }
     if (rec.kind != Kind::kStatus) metrics::CountRowWritten(rec.table.c_str());
     return Outcome::kDone;
+}
+
+void SaveReplayedPictures(const Record& rec, int64_t rowId) {
+    std::vector<Picture> pictures;
+    for (const StoredPicture& p : rec.pictures)
+        pictures.push_back(
+            Picture{p.area.c_str(), p.index, p.bytes.data(), static_cast<int>(p.bytes.size())});
+    SavePictures(rowId, pictures.data(), pictures.size());
 }
 
 // The next record to replay, or false when none.
@@ -321,7 +401,8 @@ void Advance(State& s, const Record& done, uint64_t next) {
     std::lock_guard<std::mutex> lock(s.cs);
     Record cur;
     uint64_t curNext = 0;
-    if (s.segments.empty() || !ReadRecord(s.segments.front().path, s.readOffset, cur, curNext) ||
+    if (s.segments.empty() ||
+        !ReadRecord(s.segments.front().path, s.readOffset, cur, curNext, false) ||
         cur.seq != done.seq)
         return;
     s.readOffset = next;
@@ -355,9 +436,18 @@ void ReplayLoop() {
         uint64_t next = 0;
         while (done >= 0 && Peek(s, rec, next)) {
             if (rec.seq > static_cast<uint64_t>(done)) {
-                const Outcome o = ReplayOne(db, rec);
+                int64_t rowId = 0;
+                const Outcome o = ReplayOne(db, rec, rowId);
                 if (o == Outcome::kRetry) break;
-                if (o == Outcome::kDone) done = static_cast<int64_t>(rec.seq);
+                if (o == Outcome::kDone) {
+                    done = static_cast<int64_t>(rec.seq);
+                    SaveReplayedPictures(rec, rowId);
+                }
+            } else if (rec.seq == static_cast<uint64_t>(done) && !rec.pictures.empty()) {
+                // Committed by a replay that may have died before saving the pictures.
+                const int64_t rowId = ReadCursor(db, 2);
+                if (rowId < 0) break;
+                SaveReplayedPictures(rec, rowId);
             }
             Advance(s, rec, next);
         }
@@ -388,15 +478,17 @@ bool Holding() {
     return s.holding;
 }
 
-bool Append(Kind kind, const char* table, const char* sql) {
+bool Append(Kind kind, const char* table, const char* sql, const Picture* pictures,
+            size_t pictureCount) {
     if (!table || !sql) return false;
-    State& s = S();
-    std::lock_guard<std::mutex> lock(s.cs);
     std::string body(1, static_cast<char>(kind));
     body += table;
     body += '\0';
     body += sql;
+    if (kind != Kind::kStatus) PutPictures(body, pictures, pictureCount);
     if (body.size() > kMaxBody) return false;
+    State& s = S();
+    std::lock_guard<std::mutex> lock(s.cs);
     const uint64_t seq = std::max(s.lastSeq + 1, NowMicros());
     if (s.segments.empty() || s.segments.back().bytes >= SegmentLimit(s)) {
         MakeDirs(s.dir);
@@ -428,6 +520,14 @@ bool Append(Kind kind, const char* table, const char* sql) {
     EnforceLimit(s);
     StartReplayLocked(s);
     return true;
+}
+
+void SavePictures(int64_t rowId, const Picture* pictures, size_t count) {
+    if (rowId <= 0 || !pictures) return;
+    for (size_t i = 0; i < count; ++i) {
+        const Picture& p = pictures[i];
+        if (Storable(p)) SaveFileEx(p.area, static_cast<int>(rowId), p.index, p.data, p.length);
+    }
 }
 
 void Resume() {

@@ -8,6 +8,19 @@
 // the update of `spoolcursor` in one transaction and skips records at or below the cursor,
 // so a crash at any point neither loses nor repeats a row.
 //
+// Pictures: an insert may carry the pictures of its event. They are saved under the new
+// row's id after the transaction commits, before the record counts as done. The same
+// transaction notes that id in `spoolcursor` (row 2), so a replay that died between the
+// commit and the files finds the id again and saves the pictures then; saving is
+// idempotent by name, and the row itself is never repeated. Saving before the commit
+// instead could leave a picture under an id whose row rolled back, and a second copy under
+// the id of the replayed row.
+//
+// Record: a header {magic, body length, seq} (host order) and a body of the kind byte, the
+// table, NUL, the statement, and only when pictures follow: NUL, then per picture its file
+// area, NUL, index and length (32 bits each, host order), the bytes. A record without
+// pictures has the layout of earlier versions, and their spools replay unchanged.
+//
 // Files: segments `<first seq in hex>.seg` in the spool directory (mode 0700), each at most
 // an eighth of the size limit. Over the limit the oldest segment is dropped, printed at most
 // once a minute.
@@ -16,6 +29,7 @@
 // I/O outside it.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -34,9 +48,22 @@ void Configure(const std::string& dir, uint64_t limitBytes);
 // True while records wait for replay: writers must append instead of writing directly.
 bool Holding();
 
-// Appends one statement of `table` and starts the replay thread. False only when the record
-// could not be stored on disk.
-bool Append(Kind kind, const char* table, const char* sql);
+// A picture of an event row, saved as SaveFileEx(area, row id, index, data, length).
+struct Picture {
+    const char* area;  // file area name ("intv", "diagnoss", "face")
+    int index;
+    const char* data;
+    int length;
+};
+
+// Appends one statement of `table` with the pictures of its row (inserts only; copied) and
+// starts the replay thread. False only when the record could not be stored on disk.
+bool Append(Kind kind, const char* table, const char* sql, const Picture* pictures = nullptr,
+            size_t pictureCount = 0);
+
+// Saves the pictures under `rowId`: what the writers do after a direct insert and the
+// replay after a spooled one, so both leave the same files.
+void SavePictures(int64_t rowId, const Picture* pictures, size_t count);
 
 // Picks up segments left by an earlier run and starts replaying them.
 void Resume();

@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "VornNetSDK.h"
-#include "comm/filestore.h"
 #include "comm/globle.h"
 #include "comm/metrics.h"
 #include "comm/msgdefine.h"
@@ -188,10 +187,13 @@ bool ChangeStatus(const EventNode& node, int state, uint32_t& next) {
 
 // ---- Handlers, one per event class ----
 
-void SaveFirstPicture(const char* kind, int64_t rowId, const EventInput& in) {
+// The first picture, stored by the writer under the row's id (also when the row waits in
+// the spool); 0 when there is none to store.
+size_t FirstPicture(const char* area, const EventInput& in, spool::Picture& out) {
     const int length = PresentLength(in.rec.nPicLen[0], in.pictureBytes);
-    if (in.pictureBytes <= 0 || length < 0) return;
-    SaveFileEx(kind, static_cast<int>(rowId), 0, in.pictures, length);
+    if (in.pictureBytes <= 0 || length < 0) return 0;
+    out = spool::Picture{area, 0, in.pictures, length};
+    return 1;
 }
 
 void OnDeviceState(const EventInput& in, const EventNode& node) {
@@ -205,31 +207,30 @@ void OnDeviceState(const EventInput& in, const EventNode& node) {
 }
 
 void OnFace(const EventInput& in, const EventNode& node) {
-    auto write = in.structured ? WrightMySqlPersonStruct : WrightMySqlPerson;
-    const int64_t id = write(in.rec.unTime, node.id, node.type, std::atoi(in.rec.szComm),
-                             in.rec.nObjType, in.rec.nReserve[0], in.rec.nReserve[3]);
-    if (id <= 0) return;
-    // The budget starts at the first length, so in practice only the first picture is
-    // stored, with that length; deliberate.
-    int budget = std::max(0, PresentLength(in.rec.nPicLen[0], in.pictureBytes));
-    const char* picture = in.pictures;
-    for (int k = 0; k < 4; ++k) {
-        const int len = in.rec.nPicLen[k];
-        if (len <= 0 || len > budget) continue;
-        SaveFileEx("face", static_cast<int>(id), k, picture, budget);
-        picture += len;
-        budget -= len;
-    }
+    using Writer =
+        int64_t (*)(uint32_t, int, int, int, int, int, int, const spool::Picture*, size_t);
+    Writer write = WrightMySqlPerson;
+    if (in.structured) write = WrightMySqlPersonStruct;
+    // The byte budget of all pictures is the first one's length, so only the first picture
+    // is stored, and only when it is not empty; deliberate.
+    spool::Picture picture{};
+    const size_t count = FirstPicture("face", in, picture) && picture.length > 0 ? 1 : 0;
+    write(in.rec.unTime, node.id, node.type, std::atoi(in.rec.szComm), in.rec.nObjType,
+          in.rec.nReserve[0], in.rec.nReserve[3], &picture, count);
 }
 
 void OnAnalytics(const EventInput& in, const EventNode& node) {
     const int code = in.rec.nEventType & 0xFFFF;
     if (code == 0) return;
     if (code == INTV_EVENT_FACE) return OnFace(in, node);
-    auto write = in.structured ? WrightMySqlAlarmInfoStruct : WrightMySqlAlarmInfo;
-    const int64_t id =
-        write(in.rec.unTime, node.id, node.type, code, in.rec.nReserve[1], in.rec.szInfo);
-    if (id >= 1) SaveFirstPicture("intv", id, in);
+    using Writer =
+        int64_t (*)(uint32_t, int, int, int, int, const char*, const spool::Picture*, size_t);
+    Writer write = WrightMySqlAlarmInfo;
+    if (in.structured) write = WrightMySqlAlarmInfoStruct;
+    spool::Picture picture{};
+    const size_t count = FirstPicture("intv", in, picture);
+    write(in.rec.unTime, node.id, node.type, code, in.rec.nReserve[1], in.rec.szInfo, &picture,
+          count);
 }
 
 void OnDiagnosis(const EventInput& in, const EventNode& node) {
@@ -238,9 +239,10 @@ void OnDiagnosis(const EventInput& in, const EventNode& node) {
     const char* text = code == DEVSTATE_VIDEOBLOCKED    ? "镜头遮挡"
                        : code == DEVSTATE_VIDEOSCENECHG ? "场景变换"
                                                         : "";
-    const int64_t id = WrightMySqlDiagnoseInfo(in.rec.unTime, node.id, node.type,
-                                               in.rec.nEventType & kEventCodeMask, 0, text);
-    if (id >= 1) SaveFirstPicture("diagnoss", id, in);
+    spool::Picture picture{};
+    const size_t count = FirstPicture("diagnoss", in, picture);
+    WrightMySqlDiagnoseInfo(in.rec.unTime, node.id, node.type, in.rec.nEventType & kEventCodeMask,
+                            0, text, &picture, count);
 }
 
 // Event class (the top 8 bits of nEventType) -> its handler. Any other class is ignored.

@@ -1,13 +1,17 @@
 // Event writers over a database that goes away: the spool, its replay and refused texts.
 #include "mysql/spool.h"
 
+#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <fstream>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "comm/filestore.h"
 #include "comm/globle.h"
+#include "comm/sysutil.h"
 #include "mysql/sqldbop.h"
 #include "support/daemon.h"
 #include "support/tcpcut.h"
@@ -22,10 +26,41 @@ protected:
         m_cfgCms.szDbPort = cut.Port();
         spool::Configure(dir.path() + "/spool/", 0);
         dbpool::Clear();
+        savedAreas.swap(m_arrFilePath);
+        m_arrFilePath.push_back(new _file_path{"intv", 1, 7, {}});
+        std::snprintf(m_arrFilePath[0]->path, sizeof m_arrFilePath[0]->path, "%s",
+                      dir.File("intv").c_str());
     }
-    void TearDown() override { EXPECT_TRUE(spool::WaitDrained(10000)); }
+    void TearDown() override {
+        EXPECT_TRUE(spool::WaitDrained(10000));
+        ReleaseArray(m_arrFilePath);
+        m_arrFilePath.swap(savedAreas);
+    }
     int64_t Alarm(int param, const char* text = "x") {
         return WrightMySqlAlarmInfo(1700000000, 1, 3, 5, param, text);
+    }
+    // An alarm with one picture whose bytes name the param (with a NUL inside).
+    int64_t AlarmWithPicture(int param) {
+        const std::string bytes = Picture(param);
+        const spool::Picture p{"intv", 0, bytes.data(), static_cast<int>(bytes.size())};
+        return WrightMySqlAlarmInfo(1700000000, 1, 3, 5, param, "x", &p, 1);
+    }
+    static std::string Picture(int param) {
+        return std::string("jpeg\0", 5) + std::to_string(param);
+    }
+    std::string StoredPicture(const std::string& rowId) {
+        return cmstest::ReadFile(dir.File("intv/" + rowId + "/0.jpg"));
+    }
+    std::string RowOf(int param) {
+        return db.Scalar("select id from intveventlog where param = " + std::to_string(param));
+    }
+    int PictureDirs() {
+        int n = 0;
+        if (DIR* d = opendir(dir.File("intv").c_str())) {
+            while (dirent* e = readdir(d)) n += e->d_name[0] != '.';
+            closedir(d);
+        }
+        return n;
     }
     std::string Params() {
         return db.Scalar("select group_concat(param order by id) from intveventlog");
@@ -33,6 +68,7 @@ protected:
     cmstest::TestDatabase db;
     cmstest::TcpCut cut{cmstest::TestDatabase::Port()};
     cmstest::TempDir dir;
+    std::vector<_file_path*> savedAreas;
 };
 
 // Sequence number of the n-th record (from 0) of the only segment.
@@ -88,6 +124,39 @@ TEST_F(SpoolTest, ReplayAfterACrashSkipsWhatWasCommitted) {
     cut.Restore();
     ASSERT_TRUE(spool::WaitDrained(10000));
     EXPECT_EQ(Params(), "1,2,3");
+}
+
+// Pictures travel with their spooled row and are stored under the id it gets on replay, as
+// a direct write stores them.
+TEST_F(SpoolTest, PicturesOfSpooledRowsAreStoredUnderTheReplayedIds) {
+    const int64_t direct = AlarmWithPicture(1);
+    ASSERT_GT(direct, 0);
+    EXPECT_EQ(StoredPicture(std::to_string(direct)), Picture(1));
+    cut.Cut();
+    EXPECT_EQ(AlarmWithPicture(2), 0);
+    EXPECT_EQ(PictureDirs(), 1);
+    cut.Restore();
+    ASSERT_TRUE(spool::WaitDrained(10000));
+    EXPECT_EQ(Params(), "1,2");
+    EXPECT_EQ(StoredPicture(RowOf(2)), Picture(2));
+    EXPECT_EQ(PictureDirs(), 2);
+}
+
+// An earlier replay committed row 1 and the cursor, then died before the picture files: the
+// row is not written again and its picture lands under its id, once.
+TEST_F(SpoolTest, ReplayResumedAfterACommitStoresEachPictureOnce) {
+    cut.Cut();
+    for (int i = 1; i <= 2; ++i) AlarmWithPicture(i);
+    ASSERT_TRUE(db.Exec("insert into intveventlog(param) values (1)"));
+    ASSERT_TRUE(db.Exec("replace into spoolcursor values (1, " +
+                        std::to_string(SpooledSeq(dir.path() + "/spool", 0)) + "), (2, " +
+                        RowOf(1) + ")"));
+    cut.Restore();
+    ASSERT_TRUE(spool::WaitDrained(10000));
+    EXPECT_EQ(Params(), "1,2");
+    EXPECT_EQ(StoredPicture(RowOf(1)), Picture(1));
+    EXPECT_EQ(StoredPicture(RowOf(2)), Picture(2));
+    EXPECT_EQ(PictureDirs(), 2);
 }
 
 TEST_F(SpoolTest, FullSpoolDropsTheOldest) {

@@ -1,16 +1,19 @@
 // Events streaming into the server while its database goes away and comes back: every
-// event handled is stored once, in arrival order, and a state change made during the
-// outage is right in the database afterwards. CMS_OUTAGE_SECONDS sets the outage (2 s).
+// event handled is stored once, in arrival order, with its picture under its row's id, and a
+// state change made during the outage is right in the database afterwards. CMS_OUTAGE_SECONDS sets
+// the outage (2 s).
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "comm/filestore.h"
 #include "comm/globle.h"
 #include "comm/msgdefine.h"
 #include "comm/sysutil.h"
@@ -26,14 +29,21 @@ namespace {
 
 constexpr int kDevLogin = 7;
 
+std::string Picture(int param) { return "picture " + std::to_string(param); }
+
+// The event record followed by its picture.
 std::vector<unsigned char> Event(uint32_t type, int param) {
     _msg_alarm_comm r{};
     r.unTime = GetCurrentTime();
     std::snprintf(r.szSerial, sizeof r.szSerial, "3");
     r.nEventType = static_cast<int>(type);
     r.nReserve[1] = param;
-    const auto* p = reinterpret_cast<const unsigned char*>(&r);
-    return std::vector<unsigned char>(p, p + sizeof r);
+    const std::string picture = Picture(param);
+    r.nPicLen[0] = static_cast<int>(picture.size());
+    std::vector<unsigned char> b(sizeof r + picture.size());
+    std::memcpy(b.data(), &r, sizeof r);
+    std::memcpy(b.data() + sizeof r, picture.data(), picture.size());
+    return b;
 }
 
 TEST(Outage, StreamOverADatabaseOutageLosesNothing) {
@@ -47,6 +57,9 @@ TEST(Outage, StreamOverADatabaseOutageLosesNothing) {
     m_cfgCms.szDbPort = cut.Port();
     cmstest::CatalogBuilder catalog;
     auto dlg = std::make_unique<CCMSSvrDlg>();
+    m_arrFilePath.push_back(new _file_path{"intv", 1, 7, {}});  // released by the server object
+    std::snprintf(m_arrFilePath.back()->path, sizeof m_arrFilePath.back()->path, "%s",
+                  dir.File("intv").c_str());
     _hcrecord_Info* dev = catalog.Device(100, 0, "DEV-100", "", 0);
     catalog.Channel(300, 100, 3);
     {
@@ -89,6 +102,11 @@ TEST(Outage, StreamOverADatabaseOutageLosesNothing) {
         "0");
     EXPECT_EQ(db.Scalar("select status from devicechan where id = 300"), "65536");
     EXPECT_EQ(db.Count("deveventlog"), 1);
+    int misplaced = 0;
+    for (const auto& row : db.Query("select id, param from intveventlog"))
+        misplaced += cmstest::ReadFile(dir.File("intv/" + row[0] + "/0.jpg")) !=
+                     Picture(std::atoi(row[1].c_str()));
+    EXPECT_EQ(misplaced, 0);
     dlg.reset();
     m_cfgCms.szDbPort = cmstest::TestDatabase::Port();
 }
