@@ -503,6 +503,8 @@ bool ParseOptions(int argc, char** argv) {
             g_opt.trickle = std::atoi(v);
         else if (k == "--stall")
             g_opt.stallMs = std::atoi(v);
+        else if (k == "--play")
+            g_opt.play = std::atoi(v);
         else
             return false;
     }
