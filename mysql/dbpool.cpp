@@ -34,9 +34,10 @@ struct Pool {
 
 // Never destroyed: threads may still borrow while the process exits, and the idle
 // connections stay reachable rather than being dropped unclosed.
-Pool& ThePool() {
-    static Pool* pool = new Pool;
-    return *pool;
+Pool& ThePool(Flavour flavour = Flavour::kPlain) {
+    static Pool* plain = new Pool;
+    static Pool* batch = new Pool;
+    return flavour == Flavour::kBatch ? *batch : *plain;
 }
 
 std::string KeyOf(const char* host, int port, const char* user, const char* password,
@@ -71,7 +72,7 @@ std::string& LastConnectErrorText() {
 }
 
 MYSQL* Open(const char* host, int port, const char* user, const char* password,
-            const char* database) {
+            const char* database, bool multiStatements) {
     MYSQL* sock = mysql_init(nullptr);
     if (!sock) return nullptr;
     mysql_options(sock, MYSQL_OPT_CONNECT_TIMEOUT, &kConnectTimeoutSeconds);
@@ -79,8 +80,9 @@ MYSQL* Open(const char* host, int port, const char* user, const char* password,
     mysql_options(sock, MYSQL_OPT_WRITE_TIMEOUT, &kWriteTimeoutSeconds);
     mysql_options(sock, MYSQL_SET_CHARSET_NAME, "utf8");
     mysql_options(sock, MYSQL_INIT_COMMAND, kInitCommand);
-    const bool ok = mysql_real_connect(sock, host, user, password, database,
-                                       static_cast<unsigned int>(port), nullptr, 0) != nullptr;
+    const bool ok =
+        mysql_real_connect(sock, host, user, password, database, static_cast<unsigned int>(port),
+                           nullptr, multiStatements ? CLIENT_MULTI_STATEMENTS : 0) != nullptr;
     metrics::CountDbOperation("connect", ok);
     if (ok) return sock;
     LastConnectErrorText() = std::to_string(mysql_errno(sock)) + " " + mysql_error(sock);
@@ -89,11 +91,12 @@ MYSQL* Open(const char* host, int port, const char* user, const char* password,
 }
 
 Lease Borrow(const char* host, int port, const char* user, const char* password,
-             const char* database, int capacity) {
-    Pool& pool = ThePool();
+             const char* database, int capacity, Flavour flavour) {
+    Pool& pool = ThePool(flavour);
     const std::string key = KeyOf(host, port, user, password, database);
     std::vector<Idle> dead;
     Lease lease;
+    lease.flavour = flavour;
     uint32_t checkMs = 0;
     {
         std::lock_guard<std::mutex> lock(pool.cs);
@@ -125,13 +128,14 @@ Lease Borrow(const char* host, int port, const char* user, const char* password,
             mysql_close(i.sock);
         }
     }
-    if (!lease.sock) lease.sock = Open(host, port, user, password, database);
+    if (!lease.sock)
+        lease.sock = Open(host, port, user, password, database, flavour == Flavour::kBatch);
     return lease;
 }
 
 void Return(const Lease& lease, bool reusable) {
     if (!lease.sock) return;
-    Pool& pool = ThePool();
+    Pool& pool = ThePool(lease.flavour);
     if (reusable) {
         std::lock_guard<std::mutex> lock(pool.cs);
         if (lease.generation == pool.generation && pool.idle.size() < pool.capacity) {
@@ -143,12 +147,14 @@ void Return(const Lease& lease, bool reusable) {
 }
 
 void Clear() {
-    std::vector<Idle> dead;
-    {
-        std::lock_guard<std::mutex> lock(ThePool().cs);
-        dead.swap(ThePool().idle);
+    for (Flavour f : {Flavour::kPlain, Flavour::kBatch}) {
+        std::vector<Idle> dead;
+        {
+            std::lock_guard<std::mutex> lock(ThePool(f).cs);
+            dead.swap(ThePool(f).idle);
+        }
+        CloseAll(dead);
     }
-    CloseAll(dead);
 }
 
 size_t IdleCount() {
@@ -157,8 +163,10 @@ size_t IdleCount() {
 }
 
 void SetIdleCheckMs(uint32_t ms) {
-    std::lock_guard<std::mutex> lock(ThePool().cs);
-    ThePool().idleCheckMs = ms;
+    for (Flavour f : {Flavour::kPlain, Flavour::kBatch}) {
+        std::lock_guard<std::mutex> lock(ThePool(f).cs);
+        ThePool(f).idleCheckMs = ms;
+    }
 }
 
 }  // namespace dbpool

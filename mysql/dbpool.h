@@ -36,14 +36,21 @@ constexpr unsigned int kWriteTimeoutSeconds = 60;
 // Opens a connection with the options above, utf8 and session-state tracking (so that a
 // borrower's SET, USE, temporary table or user variable shows in the reply status). Null
 // when the server cannot be reached.
+// `multiStatements` lets one query carry several statements (the batch flavour below).
 MYSQL* Open(const char* host, int port, const char* user, const char* password,
-            const char* database);
+            const char* database, bool multiStatements = false);
 
 // "<errno> <message>" of this thread's last failed Open.
 std::string& LastConnectErrorText();
 
+// Plain connections run one statement per query, as every client's SQL expects. Batch
+// connections take several statements in one query; only the event writers' batches use
+// them, so they are kept apart and never lent for anything else.
+enum class Flavour { kPlain, kBatch };
+
 struct Lease {
     MYSQL* sock = nullptr;
+    Flavour flavour = Flavour::kPlain;
     uint32_t generation = 0;  // hand back with the connection
     // The server's last_insert_id() of this connection may hold an earlier borrower's value.
     bool staleInsertId = false;
@@ -53,14 +60,15 @@ struct Lease {
 // one. A change of settings since the last borrow closes every idle connection first.
 // `capacity` <= 0 means kDefaultCapacity. sock is null when the database is unreachable.
 Lease Borrow(const char* host, int port, const char* user, const char* password,
-             const char* database, int capacity);
+             const char* database, int capacity, Flavour flavour = Flavour::kPlain);
 
 // Takes a borrowed connection back: kept when `reusable`, the settings are still those it
 // was borrowed for and the pool has room; closed otherwise.
 void Return(const Lease& lease, bool reusable);
 
-// Closes every idle connection.
+// Closes every idle connection of both flavours.
 void Clear();
+// Idle plain connections.
 size_t IdleCount();
 // Idle time after which a connection is pinged before reuse, in milliseconds (default
 // 2000). Tests set 0 to check every reuse.

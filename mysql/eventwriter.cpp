@@ -11,6 +11,7 @@
 
 #include "comm/metrics.h"
 #include "comm/sysutil.h"
+#include "mysql/groupwrite.h"
 #include "mysql/spool.h"
 #include "mysql/sqldbop.h"
 
@@ -73,31 +74,20 @@ void NoteFailure(unsigned int err, const std::string& text, const char* table) {
 // written; its replay looks for the row first.
 enum class WriteResult { kWritten, kRefusedText, kTransient, kUncertain, kFailed };
 
-// Runs one statement: an insert (id back in `id`) or, with a null `id`, an update.
+// Runs one statement: an insert (id back in `id`) or, with a null `id`, an update. It
+// goes to the database in a batch with the family's other statements of the moment.
 WriteResult RunStatement(std::mutex* cs, const char* table, const char* sql, int64_t* id) {
-    CMysqlDB db;
-    if (!ConnectDB(&db)) {
-        NoteFailure(2003, dbpool::LastConnectErrorText(), table);
-        return WriteResult::kTransient;
-    }
-    ConnectionGuard guard{&db};
-    bool ok = false;
-    {
-        // Only the insert itself is serialised: borrowing and composing need no turn.
-        std::unique_lock<std::mutex> lock;
-        if (cs) lock = std::unique_lock<std::mutex>(*cs);
-        ok = id ? db.ExecuteInsert(sql, *id) : db.ExecuteUpdate(sql);
-    }
-    if (ok) {
+    const groupwrite::Outcome out = groupwrite::Run(cs, sql);
+    if (out.ok) {
+        if (id) *id = out.id;
         NoteSuccess();
         return WriteResult::kWritten;
     }
-    const unsigned int err = db.Handle() ? mysql_errno(db.Handle()) : 0;
-    NoteFailure(err, std::to_string(err) + " " + (db.Handle() ? mysql_error(db.Handle()) : ""),
-                table);
-    if (err == kIncorrectStringValue) return WriteResult::kRefusedText;
-    if (err >= 2000 && err < 3000) return WriteResult::kUncertain;
-    return IsTransientDbError(err) ? WriteResult::kTransient : WriteResult::kFailed;
+    NoteFailure(out.err, out.errText, table);
+    if (!out.sent) return WriteResult::kTransient;
+    if (out.err == kIncorrectStringValue) return WriteResult::kRefusedText;
+    if (out.err >= 2000 && out.err < 3000) return WriteResult::kUncertain;
+    return IsTransientDbError(out.err) ? WriteResult::kTransient : WriteResult::kFailed;
 }
 
 // The event's pictures, stored under the new row's id: at once after a direct insert, by
