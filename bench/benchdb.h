@@ -132,4 +132,28 @@ private:
     int m_port = 0;
 };
 
+// Database `name` afresh with one root region and `devices` devices: device i (id i + 1)
+// has serial `serial(i)`, a loopback address and video channel 1 (channel id i + 1), so
+// that the play address of every channel resolves.
+template <class SerialFn>
+bool PopulateAddressed(const Database& db, const char* name, int devices, SerialFn serial) {
+    Mysql c = db.Connect(nullptr);
+    auto device = [&serial](int i) {
+        return "(" + std::to_string(i + 1) + ",'dev" + std::to_string(i) + "','" + serial(i) +
+               "',1,1,8000,'127.0.0.1','admin','admin')";
+    };
+    auto channel = [](int i) {
+        return "(" + std::to_string(i + 1) + "," + std::to_string(i + 1) + ",1,'ch" +
+               std::to_string(i) + "',1)";
+    };
+    return c && Database::CreateSchema(c.get(), name) &&
+           Run(c.get(), "insert into region(id,name,parentid) values (1,'root',0)") &&
+           InsertRows(c.get(),
+                      "insert into device(id,name,sn,regionid,ftype,port,ip,username,userpwd) "
+                      "values ",
+                      devices, device) &&
+           InsertRows(c.get(), "insert into devicechan(id,devid,chan,name,hardwaretype) values ",
+                      devices, channel);
+}
+
 }  // namespace benchdb

@@ -36,28 +36,6 @@ int g_serverPort = 0;
 int g_ceilingPort = 0;
 std::map<std::string, double> g_rates;  // "target/clients" -> requests per second
 
-std::string DeviceRow(int i) {
-    return "(" + std::to_string(i + 1) + ",'dev" + std::to_string(i) + "','HB" +
-           std::to_string(10000000 + i) + "',1,1,8000,'127.0.0.1','admin','admin')";
-}
-std::string ChannelRow(int i) {
-    return "(" + std::to_string(i + 1) + "," + std::to_string(i + 1) + ",1,'ch" +
-           std::to_string(i) + "',1)";
-}
-
-bool Populate() {
-    benchdb::Mysql c = g_db.Connect(nullptr);
-    return c && benchdb::Database::CreateSchema(c.get(), kDbName) &&
-           benchdb::Run(c.get(), "insert into region(id,name,parentid) values (1,'root',0)") &&
-           benchdb::InsertRows(
-               c.get(),
-               "insert into device(id,name,sn,regionid,ftype,port,ip,username,userpwd) values ",
-               kDevices, DeviceRow) &&
-           benchdb::InsertRows(c.get(),
-                               "insert into devicechan(id,devid,chan,name,hardwaretype) values ",
-                               kDevices, ChannelRow);
-}
-
 // ---- The ceiling: read a head, answer a fixed 404 head, close ----
 class Responder {
 public:
@@ -183,7 +161,8 @@ int main(int argc, char** argv) {
         return 1;
     }
     if (!g_db.Start()) return 1;
-    bool ok = Populate();
+    bool ok = benchdb::PopulateAddressed(g_db, kDbName, kDevices,
+                                         [](int i) { return "HB" + std::to_string(10000000 + i); });
     if (ok) {
         benchdb::Server server(kDbName, g_db.port(), true);
         Responder responder;

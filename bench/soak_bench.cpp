@@ -21,7 +21,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -119,7 +118,9 @@ Fds ScanFds(pid_t pid, std::string* list = nullptr) {
     std::error_code ec;
     for (const auto& e :
          std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ec)) {
-        const std::string target = std::filesystem::read_symlink(e.path(), ec).string();
+        std::error_code gone;  // a descriptor closed while the list is read
+        const std::string target = std::filesystem::read_symlink(e.path(), gone).string();
+        if (gone) continue;
         const bool toDb =
             target.rfind("socket:[", 0) == 0 && db.count(target.substr(8, target.size() - 9));
         ++(toDb ? f.db : f.clients);
@@ -137,28 +138,6 @@ struct Sample {
 Sample Take() { return {RssKb(g_server->pid()), ScanFds(g_server->pid())}; }
 
 // ---- Database ----
-
-// One device per connection plus one for the probe, each with video channel 1 and an
-// address, so that the play address of every channel resolves.
-bool Populate(int devices) {
-    benchdb::Mysql c = g_db.Connect(nullptr);
-    auto device = [](int i) {
-        return "(" + std::to_string(i + 1) + ",'soak" + std::to_string(i) + "','" + Serial(i) +
-               "',1,1,8000,'127.0.0.1','admin','admin')";
-    };
-    auto channel = [](int i) {
-        return "(" + std::to_string(i + 1) + "," + std::to_string(i + 1) + ",1,'ch',1)";
-    };
-    return c && benchdb::Database::CreateSchema(c.get(), kDbName) &&
-           benchdb::Run(c.get(), "insert into region(id,name,parentid) values (1,'root',0)") &&
-           benchdb::InsertRows(
-               c.get(),
-               "insert into device(id,name,sn,regionid,ftype,port,ip,username,userpwd) values ",
-               devices, device) &&
-           benchdb::InsertRows(c.get(),
-                               "insert into devicechan(id,devid,chan,name,hardwaretype) values ",
-                               devices, channel);
-}
 
 long long EventRows(MYSQL* c) {
     const char* sql =
@@ -199,21 +178,14 @@ bool FreshLogin(Link& l, std::vector<double>& samples) {
 // Sends the events due, then a login: its answer shows that the events before it were
 // handled (one link's messages are handled in order).
 void SendDue(Link& l) {
-    static const cmsclient::Request kLost = [] {
-        cmsclient::EventFields f;
-        f.info = "soak";
-        return cmsclient::DeviceStateEvent(f, DEVSTATE_DISLINK);
+    static const cmsclient::EventFields f = [] {
+        cmsclient::EventFields fields;
+        fields.info = "soak";
+        return fields;
     }();
-    static const cmsclient::Request kBack = [] {
-        cmsclient::EventFields f;
-        f.info = "soak";
-        return cmsclient::DeviceStateEvent(f, DEVSTATE_DISLINK_RESUME);
-    }();
-    static const cmsclient::Request kAlarm = [] {
-        cmsclient::EventFields f;
-        f.info = "soak";
-        return cmsclient::AlarmEvent(f, 5, 0);
-    }();
+    static const cmsclient::Request kLost = cmsclient::DeviceStateEvent(f, DEVSTATE_DISLINK);
+    static const cmsclient::Request kBack = cmsclient::DeviceStateEvent(f, DEVSTATE_DISLINK_RESUME);
+    static const cmsclient::Request kAlarm = cmsclient::AlarmEvent(f, 5, 0);
     l.owed += g_opt.rate;
     const int n = static_cast<int>(l.owed);
     if (n == 0) return;
@@ -251,9 +223,9 @@ void LinkWorker(std::vector<Link>& links, int first, int last) {
             Link& l = links[i];
             if (l.client.IsOpen() && now < l.relogin) continue;
             // The first logins are spread over one period, so that relogins keep a steady pace.
-            const bool first = l.relogin == Clock::time_point{};
+            const bool fresh = l.relogin == Clock::time_point{};
             l.relogin =
-                now + std::chrono::seconds(first ? 1 + l.device % g_opt.relogin : g_opt.relogin);
+                now + std::chrono::seconds(fresh ? 1 + l.device % g_opt.relogin : g_opt.relogin);
             l.client.Close();
             if (!FreshLogin(l, samples)) ++g_linkFailures;
         }
@@ -539,7 +511,8 @@ int main(int argc, char** argv) {
     }
     RaiseFileLimit();
     if (!g_db.Start()) return 1;
-    bool ok = Populate(g_opt.connections + 1);
+    // One device per connection and one for the probe.
+    bool ok = benchdb::PopulateAddressed(g_db, kDbName, g_opt.connections + 1, Serial);
     if (ok) {
         benchdb::Server server(kDbName, g_db.port(), true);
         server.extraParam = "<guard>\n  <maxclients>10000</maxclients>\n  <stall>" +
