@@ -74,20 +74,79 @@ void NoteFailure(unsigned int err, const std::string& text, const char* table) {
 // written; its replay looks for the row first.
 enum class WriteResult { kWritten, kRefusedText, kTransient, kUncertain, kFailed };
 
-// Runs one statement: an insert (id back in `id`) or, with a null `id`, an update. It
-// goes to the database in a batch with the family's other statements of the moment.
-WriteResult RunStatement(std::mutex* cs, const char* table, const char* sql, int64_t* id) {
-    const groupwrite::Outcome out = groupwrite::Run(cs, sql);
+WriteResult Classify(const groupwrite::Outcome& out, const char* table, int64_t* id) {
     if (out.ok) {
         if (id) *id = out.id;
         NoteSuccess();
         return WriteResult::kWritten;
     }
+    if (!out.sent && out.err == 0) return WriteResult::kTransient;  // turned to the spool
     NoteFailure(out.err, out.errText, table);
     if (!out.sent) return WriteResult::kTransient;
     if (out.err == kIncorrectStringValue) return WriteResult::kRefusedText;
     if (out.err >= 2000 && out.err < 3000) return WriteResult::kUncertain;
     return IsTransientDbError(out.err) ? WriteResult::kTransient : WriteResult::kFailed;
+}
+
+// Runs one statement: an insert (id back in `id`) or, with a null `id`, an update. It
+// goes to the database in a batch with the family's other statements of the moment.
+WriteResult RunStatement(std::mutex* cs, const char* table, const char* sql, int64_t* id) {
+    return Classify(groupwrite::Run(cs, sql), table, id);
+}
+
+bool IsAway(WriteResult r) { return r == WriteResult::kTransient || r == WriteResult::kUncertain; }
+
+spool::Kind SpoolKindOf(WriteResult r) {
+    return r == WriteResult::kUncertain ? spool::Kind::kInsertUnsure : spool::Kind::kInsert;
+}
+
+// Writing behind is on for this thread while a WriteBehind lives on it.
+struct BehindState {
+    bool on = false;
+    int tag = 0;
+};
+thread_local BehindState t_behind;
+
+// The statement again with the description repaired, made before the row is written
+// behind, since the description is gone by the time the database answers.
+struct Repair {
+    bool needed = false;  // the description is not text the connection takes as it is
+    bool ok = false;      // the repaired statement fits
+    std::string sql;
+};
+
+template <class Build>
+Repair MakeRepair(const char* descript, Build& build) {
+    Repair fix;
+    if (!descript) return fix;
+    const std::string fixed = RepairText(descript);
+    if (fixed == descript) return fix;
+    fix.needed = true;
+    char sql[kStatementSize] = {0};
+    fix.ok = build(Escaped(fixed.c_str()), sql);
+    if (fix.ok) fix.sql = sql;
+    return fix;
+}
+
+// What the direct writer below does after its round trip, done when the database answers
+// a row written behind.
+void PostRow(std::mutex* cs, const char* table, const char* sql, Repair fix) {
+    const int tag = t_behind.tag;
+    auto done = [cs, table, tag, sql = std::string(sql),
+                 fix = std::move(fix)](const groupwrite::Outcome& out) {
+        const WriteResult r = Classify(out, table, nullptr);
+        if (r == WriteResult::kWritten) return metrics::CountRowWritten(table);
+        if (fix.needed && !fix.ok) return;
+        if (r == WriteResult::kRefusedText && fix.needed) {
+            groupwrite::Post(cs, fix.sql, true, tag, [table](const groupwrite::Outcome& again) {
+                if (Classify(again, table, nullptr) == WriteResult::kWritten)
+                    metrics::CountRowWritten(table);
+            });
+        } else if (IsAway(r)) {
+            spool::Append(SpoolKindOf(r), table, fix.needed ? fix.sql.c_str() : sql.c_str());
+        }
+    };
+    groupwrite::Post(cs, sql, true, tag, std::move(done));
 }
 
 // The event's pictures, stored under the new row's id: at once after a direct insert, by
@@ -106,10 +165,15 @@ int64_t InsertRow(std::mutex& cs, const char* table, bool echo, const char* desc
     char sql[kStatementSize] = {0};
     if (!build(Escaped(descript), sql)) return 0;
     if (echo) std::printf("alarm:%s\n", sql);
+    // Behind the database, rows keep their order also on their way to the spool.
+    if (t_behind.on && pictures.count == 0) {
+        PostRow(&cs, table, sql, MakeRepair(descript, build));
+        return 0;
+    }
     int64_t id = 0;
     WriteResult r = WriteResult::kTransient;
     if (!spool::Holding()) r = RunStatement(&cs, table, sql, &id);
-    const bool away = r == WriteResult::kTransient || r == WriteResult::kUncertain;
+    const bool away = IsAway(r);
     if (r == WriteResult::kRefusedText || (away && descript)) {
         // Text the connection would refuse is repaired before it waits in the spool too.
         const std::string fixed = RepairText(descript);
@@ -119,10 +183,7 @@ int64_t InsertRow(std::mutex& cs, const char* table, bool echo, const char* desc
             if (r == WriteResult::kRefusedText) r = RunStatement(&cs, table, sql, &id);
         }
     }
-    if (away)
-        spool::Append(
-            r == WriteResult::kUncertain ? spool::Kind::kInsertUnsure : spool::Kind::kInsert, table,
-            sql, pictures.items, pictures.count);
+    if (away) spool::Append(SpoolKindOf(r), table, sql, pictures.items, pictures.count);
     if (r != WriteResult::kWritten) return 0;
     metrics::CountRowWritten(table);
     spool::SavePictures(id, pictures.items, pictures.count);
@@ -413,18 +474,12 @@ int64_t WrightMySqlPersonStruct(uint32_t eventTime, int nodeId, int nodeType, in
                            similarity, {pictures, pictureCount});
 }
 
-bool UpdateNodeStatus(int id, int nodeType, unsigned int status) {
-    char sql[256] = {0};
-    const char* table = StatusTable(nodeType);
-    if (table)
-        std::snprintf(sql, sizeof sql, "update %s set status = %d where id = %d", table,
-                      static_cast<int>(status), id);
-    // An unknown node type has no statement to run.
-    WriteResult r = table ? WriteResult::kTransient : WriteResult::kFailed;
-    if (table && !spool::Holding()) r = RunStatement(nullptr, table, sql, nullptr);
-    // Spooled in order with the events, so the last state reported wins on replay; not
-    // printed then, as with an unreachable database before.
-    if (r == WriteResult::kTransient || r == WriteResult::kUncertain) {
+namespace {
+
+// Spooled in order with the events, so the last state reported wins on replay; not printed
+// then, as with an unreachable database before.
+bool FinishStatus(WriteResult r, const char* table, const char* sql) {
+    if (IsAway(r)) {
         spool::Append(spool::Kind::kStatus, table, sql);
         return false;
     }
@@ -432,6 +487,43 @@ bool UpdateNodeStatus(int id, int nodeType, unsigned int status) {
     std::printf("UpdateNodeStatus %s %s\n", sql, ok ? "succ" : "faild");
     return ok;
 }
+
+}  // namespace
+
+bool UpdateNodeStatus(int id, int nodeType, unsigned int status) {
+    char sql[256] = {0};
+    const char* table = StatusTable(nodeType);
+    if (table)
+        std::snprintf(sql, sizeof sql, "update %s set status = %d where id = %d", table,
+                      static_cast<int>(status), id);
+    if (table && t_behind.on) {
+        groupwrite::Post(nullptr, sql, false, t_behind.tag,
+                         [table, text = std::string(sql)](const groupwrite::Outcome& out) {
+                             FinishStatus(Classify(out, table, nullptr), table, text.c_str());
+                         });
+        return true;
+    }
+    // An unknown node type has no statement to run.
+    WriteResult r = table ? WriteResult::kTransient : WriteResult::kFailed;
+    if (table && !spool::Holding()) r = RunStatement(nullptr, table, sql, nullptr);
+    return FinishStatus(r, table, sql);
+}
+
+WriteBehind::WriteBehind(int tag) : m_wasOn(t_behind.on), m_previousTag(t_behind.tag) {
+    t_behind.on = true;
+    t_behind.tag = tag;
+}
+
+WriteBehind::~WriteBehind() {
+    t_behind.on = m_wasOn;
+    t_behind.tag = m_previousTag;
+}
+
+bool WritesBehindPending(int tag) { return groupwrite::Outstanding(tag); }
+
+void WaitForWritesBehind(int tag) { groupwrite::WaitTag(tag); }
+
+void WaitForAllWritesBehind() { groupwrite::WaitAll(); }
 
 bool GetRecordLog(CMysqlDB* db, int64_t lastId, _alarm_Info* out) {
     char before[32];

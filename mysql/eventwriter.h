@@ -96,6 +96,30 @@ int64_t WrightMySqlPersonStruct(uint32_t eventTime, int nodeId, int nodeType, in
 // Any other node type fails. Prints the statement with "succ" or "faild".
 bool UpdateNodeStatus(int id, int nodeType, unsigned int status);
 
+// While one lives on a thread, the rows without pictures and the status updates that the
+// thread writes are written behind: the writer queues the statement and returns at once
+// (0 for a row, true for a status update), and what the database answers is dealt with
+// as above (printed lines, repaired text, the spool) on the thread that ran the batch.
+// Rows written behind may share one multi-row insert. `tag` names the writer for
+// WaitForWritesBehind, so that whoever depends on those rows can wait for them.
+class WriteBehind {
+public:
+    explicit WriteBehind(int tag);
+    ~WriteBehind();
+    WriteBehind(const WriteBehind&) = delete;
+    WriteBehind& operator=(const WriteBehind&) = delete;
+
+private:
+    bool m_wasOn;
+    int m_previousTag;
+};
+// Whether writes behind of `tag` are still on their way.
+bool WritesBehindPending(int tag);
+// Returns once the writes behind of `tag` are at the database or in the spool.
+void WaitForWritesBehind(int tag);
+// Returns once no write behind is on its way.
+void WaitForAllWritesBehind();
+
 // The first alarm (in table order) with an id above `lastId` whose event time is at
 // least 10 seconds old, so that its pictures have had time to arrive. Uses the caller's
 // open connection; false when there is none, or on a null `out`.

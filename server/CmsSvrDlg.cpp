@@ -17,6 +17,7 @@
 #include "comm/sysutil.h"
 #include "media/devoperate.h"
 #include "media/devpool.h"
+#include "mysql/eventwriter.h"
 #include "mysql/sqldbop.h"
 
 CCMSSvrDlg* pMainDlg = nullptr;
@@ -132,6 +133,7 @@ CCMSSvrDlg::~CCMSSvrDlg() {
     LocalIntvProcessRun(false);
     RunMessageServer(false);
     m_clientWork.Drain();  // work of messages handed in directly, without a listener
+    WaitForAllWritesBehind();
     RunHttpServer(false);
     StopMediaJobs();
     destroy_assign_player();
@@ -237,6 +239,7 @@ void CCMSSvrDlg::RunMessageServer(bool start) {
         VornStopServer(m_nServerID);
         // What the clients queued still runs; nothing of it may meet a reload.
         m_clientWork.Drain();
+        WaitForAllWritesBehind();
         m_nServerID = -1;
         printf("Stop server port:%d\n", m_cfgLocalParam.nPort);
     }

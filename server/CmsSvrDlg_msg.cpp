@@ -24,6 +24,7 @@
 #include "comm/metrics.h"
 #include "comm/settings.h"
 #include "media/devoperate.h"
+#include "mysql/eventwriter.h"
 #include "mysql/nodecatalog.h"
 #include "mysql/sqldbop.h"
 #include "nodes/nodeurl.h"
@@ -46,14 +47,20 @@ constexpr int kSqlDataMs = 1000;  // extra time to read a query result
 
 // The longest payload a data reply can carry: the reply frame less its message head, and no
 // more than the send call's int length.
-constexpr int kMaxReplyPayload = static_cast<int>(std::min<int64_t>(
-    INT_MAX, int64_t{vorn::kMaxReplyFrameLength} - int64_t{vorn::kMsgHeadSize}));
+constexpr int kMaxReplyPayload = static_cast<int>(
+    std::min<int64_t>(INT_MAX, int64_t{vorn::kMaxReplyFrameLength} - int64_t{vorn::kMsgHeadSize}));
 
 bool SendData(int clientId, const void* data, int length) {
     return VornServerSendData(clientId, static_cast<const unsigned char*>(data), length) == 1;
 }
 
-void OnAlarm(const MsgContext& m) { m.self->ProcessEventBuf(m.clientId, 0, m.payload, m.length); }
+// A link's events are written behind, so that a device that sends many in a row is not
+// held up by one database round trip each; the link's next message of another kind waits
+// for those rows (QueueHandler).
+void OnAlarm(const MsgContext& m) {
+    WriteBehind behind(m.clientId);
+    m.self->ProcessEventBuf(m.clientId, 0, m.payload, m.length);
+}
 
 // ---- Node lists ----
 
@@ -295,6 +302,8 @@ void QueueHandler(const MsgContext& m, const unsigned char* data, int length,
     queued.onWorker = true;
     m.self->ClientWork().Post(m.clientId, [queued, copy, handler]() mutable {
         queued.payload = copy->data() + sizeof(_msg_head_info);
+        // What follows an event sees its rows, as when they were written at once.
+        if (handler != OnAlarm) WaitForWritesBehind(queued.clientId);
         handler(queued);
     });
 }
@@ -339,7 +348,8 @@ void CCMSSvrDlg::MessageCallBack(int clientId, unsigned char* data, int length, 
     const MsgRoute* route = FindRoute(m.head.nType);
     if (!route || m.length < route->minPayload) return;
     if (route->maxPayload >= 0 && m.length > route->maxPayload) return;
-    if (route->lane == kQueued || self->ClientWork().Busy(clientId))
+    if (route->lane == kQueued || self->ClientWork().Busy(clientId) ||
+        WritesBehindPending(clientId))
         return QueueHandler(m, data, length, route->handler);
     route->handler(m);
 }

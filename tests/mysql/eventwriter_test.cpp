@@ -165,4 +165,48 @@ TEST_F(EventWriter, ConcurrentWritersEachGetTheirOwnRow) {
               std::to_string(kThreads * kPerThread));
 }
 
+// Rows written behind share multi-row inserts with whatever else waits; a refused text
+// among them must still be repaired and written once, a status update still land, and
+// writers who need their id, mixed in, still get the id of their own row.
+TEST_F(EventWriter, RowsWrittenBehindEachLandOnceBesideDirectWriters) {
+    constexpr int kThreads = 8, kPerThread = 60;
+    constexpr int kRefusedPerThread = 8;  // i % 7 == 3 written behind: 3, 10, ... 52
+    ASSERT_TRUE(db.Exec("insert into devicechan(id, devid, status) values (7, 1, 0)"));
+    std::vector<std::vector<std::pair<int64_t, std::string>>> direct(kThreads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([t, &direct] {
+            for (int i = 0; i < kPerThread; ++i) {
+                const std::string text = "b" + std::to_string(t) + "-" + std::to_string(i);
+                if (i % 10 == 9) {  // a writer that needs its id
+                    direct[t].emplace_back(
+                        WrightMySqlAlarmInfo(kEventTime, t, 3, 5, i, text.c_str()), text);
+                    continue;
+                }
+                WriteBehind behind(100 + t);
+                const std::string sent = i % 7 == 3 ? text + "\xF0\x9F\x98\x80" : text;
+                EXPECT_EQ(WrightMySqlAlarmInfo(kEventTime, t, 3, 5, i, sent.c_str()), 0);
+                if (i == kPerThread - 2) EXPECT_TRUE(UpdateNodeStatus(7, 3, 0x10000 + t));
+            }
+            WaitForWritesBehind(100 + t);
+            EXPECT_FALSE(WritesBehindPending(100 + t));
+        });
+    for (std::thread& th : threads) th.join();
+    WaitForAllWritesBehind();
+    EXPECT_EQ(db.Scalar("select count(*) from intveventlog"),
+              std::to_string(kThreads * kPerThread));
+    EXPECT_EQ(db.Scalar("select count(distinct descript) from intveventlog"),
+              std::to_string(kThreads * kPerThread));
+    EXPECT_EQ(db.Scalar("select count(*) from intveventlog where descript like '%\xEF\xBF\xBD'"),
+              std::to_string(kThreads * kRefusedPerThread));
+    for (int t = 0; t < kThreads; ++t)
+        for (const auto& [id, text] : direct[t]) {
+            ASSERT_GT(id, 0) << text;
+            EXPECT_EQ(
+                db.Scalar("select descript from intveventlog where id = " + std::to_string(id)),
+                text);
+        }
+    EXPECT_GE(std::stoi(db.Scalar("select status from devicechan where id = 7")), 0x10000);
+}
+
 }  // namespace

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "cmsclient/cmsclient.h"
+#include "cmsclient/requests.h"
 #include "comm/msgdefine.h"
 #include "support/daemon.h"
 #include "support/httppeer.h"
@@ -258,6 +259,40 @@ TEST_F(MessageServer, NodeListQueriesKeepTheConnection) {
 
 // Statements and addresses that succeed are checked end to end by the cmsctl tests; here
 // the refusals.
+// A device's events are written behind its back, yet whatever it sends next is answered
+// only once they are stored, whichever lane answers it. The log table is locked meanwhile,
+// so the rows cannot be in before the lock goes.
+TEST_F(MessageServer, ALinksEventsAreStoredBeforeItsNextAnswer) {
+    auto dev = Open();
+    ExpectLogin(*dev, "DEV10", 0);
+    ASSERT_TRUE(db.Exec("lock tables intveventlog write"));
+    cmsclient::EventFields f;
+    f.channel = "1";
+    constexpr int kPairs = 150;
+    for (int i = 0; i < kPairs; ++i) {
+        f.info = "e" + std::to_string(i);
+        const cmsclient::Request alarm = cmsclient::AlarmEvent(f, 5, i);
+        const cmsclient::Request state =
+            cmsclient::DeviceStateEvent(f, i % 2 ? DEVSTATE_DISLINK_RESUME : DEVSTATE_DISLINK);
+        ASSERT_TRUE(dev->Send(alarm.head, alarm.payload));
+        ASSERT_TRUE(dev->Send(state.head, state.payload));
+    }
+    ASSERT_TRUE(dev->Send(Head(CMS_MSG_LOGIN), "DEV10"));
+    // Another link is not held up by those rows.
+    ExpectLogin(*Open(), "DEV13", 0);
+    EXPECT_TRUE(daemon->WaitFor("dev spare regist", 5s));
+    Reply r;
+    EXPECT_EQ(dev->ReadReply(r, 300), CmsClient::ReadResult::kTimeout);
+    ASSERT_TRUE(db.Exec("unlock tables"));
+    ASSERT_EQ(dev->ReadReply(r, 10000), CmsClient::ReadResult::kReply);
+    EXPECT_TRUE(r.IsState() && r.state == 0);
+    EXPECT_EQ(db.Count("intveventlog", "nodeid=30 and nodetype=3"), kPairs);
+    EXPECT_EQ(db.Count("deveventlog", "nodeid=30 and nodetype=3"), kPairs);
+    EXPECT_EQ(db.Scalar("select status & 65536 from devicechan where id=30"), "0");
+    EXPECT_EQ(db.Scalar("select count(distinct descript) from intveventlog"),
+              std::to_string(kPairs));
+}
+
 TEST_F(MessageServer, RefusedStatementsAndAddressesAnswerStateOne) {
     for (const char* text : {"delete from nosuchtable", ""})
         EXPECT_EQ(OneShot(Head(CMS_MSG_SQLOPERATION_EX, DATADEL), text).state, 1) << text;

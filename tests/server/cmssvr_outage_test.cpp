@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,14 +32,14 @@ constexpr int kDevLogin = 7;
 
 std::string Picture(int param) { return "picture " + std::to_string(param); }
 
-// The event record followed by its picture.
-std::vector<unsigned char> Event(uint32_t type, int param) {
+// The event record followed by its picture, if any.
+std::vector<unsigned char> Event(uint32_t type, int param, bool withPicture = true) {
     _msg_alarm_comm r{};
     r.unTime = GetCurrentTime();
     std::snprintf(r.szSerial, sizeof r.szSerial, "3");
     r.nEventType = static_cast<int>(type);
     r.nReserve[1] = param;
-    const std::string picture = Picture(param);
+    const std::string picture = withPicture ? Picture(param) : std::string();
     r.nPicLen[0] = static_cast<int>(picture.size());
     std::vector<unsigned char> b(sizeof r + picture.size());
     std::memcpy(b.data(), &r, sizeof r);
@@ -46,7 +47,9 @@ std::vector<unsigned char> Event(uint32_t type, int param) {
     return b;
 }
 
-TEST(Outage, StreamOverADatabaseOutageLosesNothing) {
+// Events stream in while the database goes away and comes back. Written behind (`behind`),
+// events carry no picture: those with one are written directly.
+void StreamOverAnOutage(bool behind) {
     cmstest::TestDatabase db;
     ASSERT_TRUE(db.ok());
     ASSERT_TRUE(
@@ -67,6 +70,8 @@ TEST(Outage, StreamOverADatabaseOutageLosesNothing) {
         CatalogSetLogin(*dev, kDevLogin);
     }
     auto send = [&](const std::vector<unsigned char>& b) {
+        std::optional<WriteBehind> scope;
+        if (behind) scope.emplace(kDevLogin);
         dlg->ProcessEventBuf(kDevLogin, 0, b.data(), static_cast<int>(b.size()));
     };
 
@@ -76,7 +81,7 @@ TEST(Outage, StreamOverADatabaseOutageLosesNothing) {
     std::atomic<int> sent{0};
     std::thread stream([&] {
         while (!stop) {
-            send(Event(0x03000005, sent));
+            send(Event(0x03000005, sent, !behind));
             ++sent;
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
@@ -89,6 +94,7 @@ TEST(Outage, StreamOverADatabaseOutageLosesNothing) {
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     stop = true;
     stream.join();
+    WaitForAllWritesBehind();
     ASSERT_TRUE(spool::WaitDrained(60000));
 
     const long long stored = db.Count("intveventlog");
@@ -105,11 +111,15 @@ TEST(Outage, StreamOverADatabaseOutageLosesNothing) {
     int misplaced = 0;
     for (const auto& row : db.Query("select id, param from intveventlog"))
         misplaced += cmstest::ReadFile(dir.File("intv/" + row[0] + "/0.jpg")) !=
-                     Picture(std::atoi(row[1].c_str()));
+                     (behind ? std::string() : Picture(std::atoi(row[1].c_str())));
     EXPECT_EQ(misplaced, 0);
     dlg.reset();
     m_cfgCms.szDbPort = cmstest::TestDatabase::Port();
 }
+
+TEST(Outage, StreamOverADatabaseOutageLosesNothing) { StreamOverAnOutage(false); }
+
+TEST(Outage, EventsWrittenBehindLoseNothingAndKeepTheirOrder) { StreamOverAnOutage(true); }
 
 // A spool left full by an earlier run: the server writes what it holds, oldest kept first,
 // before anything else.
