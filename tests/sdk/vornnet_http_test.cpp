@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -251,6 +252,15 @@ TEST_F(VornHttpTest, ABlockedCallbackHoldsUpNobody) {
     EXPECT_EQ(blocked.wait_for(milliseconds(0)), std::future_status::timeout);
     gate.set_value();
     EXPECT_EQ(blocked.get(), "HTTP/1.1 200 OK\r\n\r\n/block:");
+}
+
+// Requests run on threads started by the raised network threads, and must not keep
+// their priority (a slow request would then hold back everything else).
+TEST_F(VornHttpTest, RequestsRunAtTheProcessPriority) {
+    std::atomic<int> nice{100};
+    SetHook([&](const std::string&) { nice = getpriority(PRIO_PROCESS, gettid()); });
+    EXPECT_EQ(Get("/a"), "HTTP/1.1 200 OK\r\n\r\n/a:");
+    EXPECT_EQ(nice.load(), getpriority(PRIO_PROCESS, getpid()));
 }
 
 TEST_F(VornHttpTest, GarbageAndHalfRequestsLeaveTheListenerServing) {

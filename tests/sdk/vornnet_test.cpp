@@ -1,6 +1,12 @@
 // The message listener over real loopback sockets.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -254,6 +260,71 @@ TEST_F(VornNetTest, KillsFlushFirstAndDelayedOnesBlockNobody) {
     EXPECT_LT(callbackMicros.load(), 100000);
     ASSERT_TRUE(m_rec.WaitDisconnects(2));
     EXPECT_FALSE(other.WaitClosed(200));
+}
+
+TEST_F(VornNetTest, AQueueOfClientsIsTakenInOrderAndALaterOneIsNotHeldBehindIt) {
+    constexpr int kFlood = 400;
+    std::mutex heldMutex;
+    std::vector<int> held;  // flood clients whose reply is withheld until the end
+    m_rec.onMessage = [&](int client, const std::string& payload) {
+        if (payload == "late") {
+            VornServerSendState(client, 2);
+            return;
+        }
+        std::lock_guard<std::mutex> lock(heldMutex);
+        held.push_back(client);
+    };
+    std::vector<CmsClient> flood(kFlood);
+    for (CmsClient& client : flood) ASSERT_TRUE(Connect(client));
+    for (CmsClient& client : flood) ASSERT_TRUE(client.Send(Head(1), "flood"));
+    CmsClient late;
+    ASSERT_TRUE(Connect(late));
+    Reply reply;
+    ASSERT_TRUE(late.Request(Head(1), "late", reply));
+    EXPECT_EQ(reply.state, 2);
+
+    ASSERT_TRUE(m_rec.WaitClients(kFlood + 1));
+    std::lock_guard<std::mutex> lock(heldMutex);
+    ASSERT_EQ(held.size(), static_cast<size_t>(kFlood));
+    // Ids follow the order in which the clients connected.
+    EXPECT_EQ(m_rec.NewestClient(), *std::max_element(held.begin(), held.end()) + 1);
+    for (int client : held) VornServerSendState(client, 1);
+    for (CmsClient& client : flood) {
+        ASSERT_EQ(client.ReadReply(reply, 5000), CmsClient::ReadResult::kReply);
+        EXPECT_EQ(reply.state, 1);
+    }
+}
+
+TEST_F(VornNetTest, OutOfDescriptorsTheListenerPausesThenTakesTheWaitingClient) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);  // made while descriptors are still free
+    ASSERT_GE(fd, 0);
+    rlimit saved{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+    testing::internal::CaptureStdout();
+    const int lowestFree = dup(0);
+    close(lowestFree);
+    rlimit none = saved;
+    none.rlim_cur = static_cast<rlim_t>(lowestFree);  // no new descriptor anywhere
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<uint16_t>(m_port));
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const bool connected = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+    std::this_thread::sleep_for(milliseconds(300));
+    setrlimit(RLIMIT_NOFILE, &saved);
+    ASSERT_TRUE(connected);
+    close(fd);  // once taken, the client is seen hanging up
+    EXPECT_TRUE(m_rec.WaitDisconnects(1));
+
+    const std::string out = testing::internal::GetCapturedStdout();
+    size_t failures = 0;
+    for (size_t at = 0; (at = out.find("failed: Too many open files", at)) != std::string::npos;
+         ++at) {
+        ++failures;
+    }
+    EXPECT_GE(failures, 1u);
+    EXPECT_LE(failures, 30u) << "accepting must pause between failures, not spin";
 }
 
 TEST_F(VornNetTest, StaleIdsAreHarmlessStopClosesAllAndThePortIsReusedAtOnce) {

@@ -26,6 +26,9 @@ constexpr size_t kBacklogLowCount = 64;
 constexpr size_t kBacklogLowBytes = 8u * 1024 * 1024;
 // Input dropped after a one-request connection's request before reading stops.
 constexpr size_t kMaxDrainBytes = 4u * 1024 * 1024;
+// The read buffer starts small and grows once to the large size when a read fills it.
+constexpr size_t kReadStart = 2048;
+constexpr size_t kReadMax = 64 * 1024;
 // How long a closing one-request connection waits for the peer to hang up first.
 constexpr auto kLinger = std::chrono::seconds(1);
 
@@ -42,19 +45,19 @@ struct CallbackScope {
 
 bool InCallback() { return t_inCallback; }
 
-Connection::Connection(int id, asio::ip::tcp::socket socket, std::unique_ptr<Codec> codec,
-                       std::shared_ptr<Listener> owner, Hooks hooks, asio::io_context& callbackIo)
+Connection::Connection(int id, asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& peer,
+                       std::unique_ptr<Codec> codec, std::shared_ptr<Listener> owner, Hooks hooks,
+                       asio::io_context& callbackIo)
     : m_id(id),
       m_hooks(hooks),
       m_owner(std::move(owner)),
       m_codec(std::move(codec)),
+      m_peerAddr(EndpointText(peer)),
       m_callbacks(asio::make_strand(callbackIo)),
       m_socket(std::move(socket)),
       m_idleTimer(m_socket.get_executor()),
       m_closeTimer(m_socket.get_executor()) {
     std::error_code ec;
-    auto peer = m_socket.remote_endpoint(ec);
-    if (!ec) m_peerAddr = EndpointText(peer);
     auto local = m_socket.local_endpoint(ec);
     if (!ec) m_localAddr = EndpointText(local);
 }
@@ -120,6 +123,7 @@ Connection::~Connection() {
 
 void Connection::DoRead() {
     if (m_closed) return;
+    if (m_readBuffer.empty()) m_readBuffer.resize(kReadStart);
     m_socket.async_read_some(
         asio::buffer(m_readBuffer),
         [self = shared_from_this()](const std::error_code& ec, size_t n) { self->OnRead(ec, n); });
@@ -135,6 +139,7 @@ void Connection::OnRead(const std::error_code& ec, size_t n) {
         return;
     }
     if (m_closed) return;
+    const bool filled = n == m_readBuffer.size();
     bool delivered = false;
     bool intact = m_codec->Consume(m_readBuffer.data(), n,
                                    [this, &delivered](std::vector<uint8_t>&& message) {
@@ -146,6 +151,7 @@ void Connection::OnRead(const std::error_code& ec, size_t n) {
         return;
     }
     TouchIdleTimer(delivered);
+    if (filled && m_readBuffer.size() < kReadMax) m_readBuffer.resize(kReadMax);
     if (PauseForBacklog()) return;
     DoRead();
 }

@@ -37,9 +37,10 @@ bool InCallback();
 // The public operations may be called from any thread: they only queue work.
 class Connection : public std::enable_shared_from_this<Connection> {
 public:
-    // `socket` must already run on a strand of its own.
-    Connection(int id, asio::ip::tcp::socket socket, std::unique_ptr<Codec> codec,
-               std::shared_ptr<Listener> owner, Hooks hooks, asio::io_context& callbackIo);
+    // `socket` must already run on a strand of its own; `peer` is its remote end.
+    Connection(int id, asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& peer,
+               std::unique_ptr<Codec> codec, std::shared_ptr<Listener> owner, Hooks hooks,
+               asio::io_context& callbackIo);
 
     void Start();
     // False when the reply cannot be encoded (too large); nothing is queued then.
@@ -102,7 +103,9 @@ private:
     asio::ip::tcp::socket m_socket;
     asio::steady_timer m_idleTimer;
     asio::steady_timer m_closeTimer;
-    std::array<uint8_t, 64 * 1024> m_readBuffer;
+    // Small until a read fills it: thousands of idle clients then cost little memory,
+    // and a client sending large frames still reads them in big steps.
+    std::vector<uint8_t> m_readBuffer;
     std::chrono::steady_clock::time_point m_frameStart;  // of the pending frame
     bool m_framePending = false;
     bool m_idleArmed = false;

@@ -4,6 +4,7 @@
 
 #include "connection.h"
 #include "listener.h"
+#include "priority.h"
 
 namespace vorn {
 
@@ -17,7 +18,12 @@ void Engine::Start() {
     if (!m_threads.empty()) return;
     m_ioWork.emplace(m_io.get_executor());
     m_callbackWork.emplace(m_callbackIo.get_executor());
-    for (int i = 0; i < kIoThreads; ++i) m_threads.emplace_back([this] { m_io.run(); });
+    for (int i = 0; i < kIoThreads; ++i) {
+        m_threads.emplace_back([this] {
+            RaiseNetworkPriority();
+            m_io.run();
+        });
+    }
     for (int i = 0; i < kCallbackThreads; ++i) {
         m_threads.emplace_back([this] { m_callbackIo.run(); });
     }

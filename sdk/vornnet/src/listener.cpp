@@ -1,10 +1,18 @@
 #include "listener.h"
 
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
-#include <future>
+#include <cstring>
+#include <system_error>
 #include <vector>
 
 #include "engine.h"
+#include "priority.h"
 
 namespace vorn {
 
@@ -12,17 +20,15 @@ namespace {
 // Pause before accepting again after a failure such as running out of descriptors, so
 // the listener does not spin.
 constexpr auto kAcceptRetry = std::chrono::milliseconds(100);
-// Connections taken from the kernel's queue in one go before the listener lets the other
-// socket work run.
-constexpr int kAcceptBatch = 256;
 }  // namespace
 
+void Listener::Fd::Reset(int fd) {
+    if (m_fd >= 0) close(m_fd);
+    m_fd = fd;
+}
+
 Listener::Listener(CodecFactory codec, Hooks hooks)
-    : m_codec(codec),
-      m_hooks(hooks),
-      m_strand(asio::make_strand(Engine::Get().Io())),
-      m_acceptor(m_strand),
-      m_retryTimer(m_strand) {}
+    : m_codec(codec), m_hooks(hooks), m_acceptor(Engine::Get().Io()) {}
 
 std::shared_ptr<Listener> Listener::Open(int port, CodecFactory codec, Hooks hooks,
                                          std::string& error) {
@@ -34,8 +40,12 @@ std::shared_ptr<Listener> Listener::Open(int port, CodecFactory codec, Hooks hoo
     if (!ec) acceptor.set_option(asio::socket_base::reuse_address(true), ec);
     if (!ec) acceptor.bind(endpoint, ec);
     if (!ec) acceptor.listen(asio::socket_base::max_listen_connections, ec);
-    if (!ec) acceptor.non_blocking(true, ec);  // for TakeWaiting
+    if (!ec) acceptor.non_blocking(true, ec);  // the accept thread polls, then drains
     if (!ec) listener->m_port = acceptor.local_endpoint(ec).port();
+    if (!ec) {
+        listener->m_wake.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+        if (listener->m_wake.Get() < 0) ec.assign(errno, std::generic_category());
+    }
     if (ec) {
         error = ec.message();
         return nullptr;
@@ -43,52 +53,80 @@ std::shared_ptr<Listener> Listener::Open(int port, CodecFactory codec, Hooks hoo
     return listener;
 }
 
-void Listener::Start() {
-    asio::post(m_strand, [self = shared_from_this()] { self->DoAccept(); });
+// Reached with the thread still running only when that thread held the last reference.
+Listener::~Listener() {
+    if (m_acceptThread.joinable()) m_acceptThread.detach();
 }
 
-void Listener::DoAccept() {
-    m_acceptor.async_accept(asio::make_strand(Engine::Get().Io()),
-                            [self = shared_from_this()](const std::error_code& ec, auto socket) {
-                                self->OnAccept(ec, asio::ip::tcp::socket(std::move(socket)));
-                            });
+bool Listener::Start() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_stopping || m_acceptThread.joinable()) return true;
+    try {
+        m_acceptThread = std::thread([self = shared_from_this()] { self->AcceptLoop(); });
+    } catch (const std::system_error& error) {
+        printf("vornnet: cannot start accepting on port %d: %s\n", m_port, error.what());
+        return false;
+    }
+    return true;
 }
 
-void Listener::OnAccept(const std::error_code& ec, asio::ip::tcp::socket socket) {
-    if (ec == asio::error::operation_aborted || !m_acceptor.is_open()) return;
-    if (ec) {
-        if (ec != asio::error::connection_aborted) {
-            printf("vornnet: accept on port %d failed: %s\n", m_port, ec.message().c_str());
+// Accepting has a thread of its own, raised like the I/O threads (see priority.h). A
+// newcomer, such as a known device logging in during a flood of thousands of logins,
+// waits in the kernel's queue until every connection ahead of it is accepted. On the I/O
+// threads each accept also waited its turn behind the socket work of every client, and
+// at the process's priority accepting got only its share of the processors beside the
+// database work and the connecting clients themselves: 3,000 clients took most of a
+// second to accept. The thread sleeps until clients queue up, then takes them all.
+void Listener::AcceptLoop() {
+    pthread_setname_np(pthread_self(), "vornaccept");
+    RaiseNetworkPriority();
+    while (WaitForClients() && TakeWaiting()) {
+    }
+}
+
+bool Listener::WaitForClients() {
+    pollfd fds[2] = {{m_acceptor.native_handle(), POLLIN, 0}, {m_wake.Get(), POLLIN, 0}};
+    for (;;) {
+        if (poll(fds, 2, -1) < 0) {
+            if (errno == EINTR) continue;
+            printf("vornnet: waiting for clients on port %d failed: %s\n", m_port, strerror(errno));
+            if (!Pause(kAcceptRetry)) return false;
+            continue;
         }
-        RetryAccept();
-        return;
+        if (fds[1].revents != 0) return false;
+        if (fds[0].revents != 0) return true;
     }
-    if (!Take(std::move(socket))) return;
-    TakeWaiting();
 }
 
-// Each completion of an asynchronous accept waits its turn behind the socket work of every
-// client, so during a burst of thousands of connections one accept per turn leaves a
-// newcomer in the kernel's queue for seconds. What is waiting there already is taken now.
-void Listener::TakeWaiting() {
-    for (int i = 0; i < kAcceptBatch; ++i) {
+bool Listener::Pause(std::chrono::milliseconds ms) {
+    pollfd wake = {m_wake.Get(), POLLIN, 0};
+    return poll(&wake, 1, static_cast<int>(ms.count())) == 0;
+}
+
+bool Listener::TakeWaiting() {
+    for (;;) {
         asio::ip::tcp::socket socket(asio::make_strand(Engine::Get().Io()));
+        asio::ip::tcp::endpoint peer;
         std::error_code ec;
-        m_acceptor.accept(socket, ec);  // non-blocking: would_block once the queue is empty
-        if (ec) break;                  // a real failure shows again on the next async accept
-        if (!Take(std::move(socket))) return;
+        m_acceptor.accept(socket, peer, ec);  // non-blocking: would_block once it is empty
+        if (ec == asio::error::would_block || ec == asio::error::try_again) return true;
+        if (ec == asio::error::connection_aborted || ec == asio::error::interrupted) continue;
+        if (ec) {
+            printf("vornnet: accept on port %d failed: %s\n", m_port, ec.message().c_str());
+            return Pause(kAcceptRetry);
+        }
+        if (!Take(std::move(socket), peer)) return false;
     }
-    DoAccept();
 }
 
-bool Listener::Take(asio::ip::tcp::socket socket) {
+bool Listener::Take(asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& peer) {
     Engine& engine = Engine::Get();
-    if (!Admit(socket)) return true;
+    if (!Admit(socket, peer)) return true;
     std::error_code ignored;
     socket.set_option(asio::ip::tcp::no_delay(true), ignored);
     int id = engine.NextClientId();
     auto connection = std::make_shared<Connection>(
-        id, std::move(socket), m_codec(), shared_from_this(), m_hooks, engine.CallbackIo());
+        id, std::move(socket), peer, m_codec(), shared_from_this(), m_hooks, engine.CallbackIo());
     // Registered before it is visible to Stop, so a close can never run ahead of the
     // registration and leave a stale entry behind.
     engine.RegisterClient(id, connection);
@@ -107,14 +145,10 @@ bool Listener::Take(asio::ip::tcp::socket socket) {
 
 // A client outside the port's allow-list, or beyond the connection limit, is closed at
 // once without a word; each address is printed at most once a minute.
-bool Listener::Admit(asio::ip::tcp::socket& socket) {
+bool Listener::Admit(asio::ip::tcp::socket& socket, const asio::ip::tcp::endpoint& peer) {
     Guard& guard = Engine::Get().Access();
-    std::error_code ec;
-    const asio::ip::tcp::endpoint peer = socket.remote_endpoint(ec);
     const char* why = nullptr;
-    if (ec) {
-        why = "";  // already gone
-    } else if (!guard.Allows(m_port, peer.address())) {
+    if (!guard.Allows(m_port, peer.address())) {
         why = "not in the allow-list";
     } else if (!guard.Reserve()) {
         why = "too many connections";
@@ -124,34 +158,29 @@ bool Listener::Admit(asio::ip::tcp::socket& socket) {
         printf("vornnet: port %d refused %s: %s\n", m_port, peer.address().to_string().c_str(),
                why);
     }
-    socket.close(ec);
+    std::error_code ignored;
+    socket.close(ignored);
     return false;
-}
-
-void Listener::RetryAccept() {
-    m_retryTimer.expires_after(kAcceptRetry);
-    m_retryTimer.async_wait([self = shared_from_this()](const std::error_code& ec) {
-        if (!ec && self->m_acceptor.is_open()) self->DoAccept();
-    });
 }
 
 void Listener::Stop() {
     std::vector<std::shared_ptr<Connection>> clients;
+    std::thread accepting;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_stopping) return;
         m_stopping = true;
+        accepting.swap(m_acceptThread);
         for (auto& entry : m_clients) clients.push_back(entry.second);
     }
-    // The port must be free when Stop returns, so a restart can bind it at once.
-    std::promise<void> closed;
-    asio::post(m_strand, [this, &closed] {
-        std::error_code ignored;
-        m_acceptor.close(ignored);
-        m_retryTimer.cancel();
-        closed.set_value();
-    });
-    closed.get_future().wait();
+    // A client the accept thread takes from now on sees m_stopping and is dropped, so
+    // `clients` is complete. The port must be free when Stop returns, so a restart can
+    // bind it at once.
+    const uint64_t one = 1;
+    if (write(m_wake.Get(), &one, sizeof one) < 0) perror("vornnet: waking the accept thread");
+    if (accepting.joinable()) accepting.join();
+    std::error_code ignored;
+    m_acceptor.close(ignored);
 
     for (auto& client : clients) client->Close();
     if (InCallback()) return;

@@ -2,10 +2,12 @@
 #pragma once
 
 #include <asio.hpp>
+#include <chrono>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <unordered_map>
 
 #include "connection.h"
@@ -20,7 +22,8 @@ public:
     static std::shared_ptr<Listener> Open(int port, CodecFactory codec, Hooks hooks,
                                           std::string& error);
 
-    void Start();
+    // Starts accepting; false when no thread could be had for it.
+    bool Start();
     // Closes the port and every client (each reported disconnected once). Outside a
     // callback it returns only when the last disconnect callback has run; inside one it
     // cannot wait for that, since the caller's own client may be among them.
@@ -30,31 +33,50 @@ public:
     void ConnectionFinished(int clientId);
 
     Listener(CodecFactory codec, Hooks hooks);
+    ~Listener();
 
 private:
-    void DoAccept();
-    void OnAccept(const std::error_code& ec, asio::ip::tcp::socket socket);
-    void RetryAccept();
-    // Accepts what waits in the kernel's queue at once, then waits asynchronously again.
-    void TakeWaiting();
+    // An owned descriptor, closed with its holder.
+    class Fd {
+    public:
+        explicit Fd(int fd = -1) : m_fd(fd) {}
+        Fd(const Fd&) = delete;
+        Fd& operator=(const Fd&) = delete;
+        ~Fd() { Reset(); }
+        int Get() const { return m_fd; }
+        void Reset(int fd = -1);
+
+    private:
+        int m_fd;
+    };
+
+    // The accept thread: waits until clients queue up on the port and takes all of them,
+    // until Stop wakes it.
+    void AcceptLoop();
+    // Blocks until the port has clients waiting (true) or Stop was called (false).
+    bool WaitForClients();
+    // Waits `ms` unless Stop comes first (false then).
+    bool Pause(std::chrono::milliseconds ms);
+    // Accepts until the kernel's queue is empty; false when the listener is stopping.
+    bool TakeWaiting();
     // Sets up an accepted client; false when the listener is stopping.
-    bool Take(asio::ip::tcp::socket socket);
+    bool Take(asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& peer);
     // False when the new client is refused (it is closed then).
-    bool Admit(asio::ip::tcp::socket& socket);
+    bool Admit(asio::ip::tcp::socket& socket, const asio::ip::tcp::endpoint& peer);
 
     // Fixed after Open.
     const CodecFactory m_codec;
     const Hooks m_hooks;
     int m_port = 0;
 
-    // The acceptor and its retry timer are used on m_strand only.
-    asio::strand<asio::io_context::executor_type> m_strand;
+    // Used by the accept thread only while it runs; closed by Stop once it has ended.
     asio::ip::tcp::acceptor m_acceptor;
-    asio::steady_timer m_retryTimer;
+    Fd m_wake;  // eventfd that Stop signals to end the accept thread
 
-    std::mutex m_mutex;  // guards m_stopping and m_clients
+    std::mutex m_mutex;  // guards m_stopping, m_acceptThread and m_clients
     std::condition_variable m_drained;
     bool m_stopping = false;
+    std::thread m_acceptThread;
     // Clients whose disconnect callback has not run yet.
     std::unordered_map<int, std::shared_ptr<Connection>> m_clients;
 };

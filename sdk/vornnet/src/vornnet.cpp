@@ -71,7 +71,11 @@ int VornStartServer(int port, int mode, VornServerCallBack callback, void* user)
         return -1;
     }
     int id = engine.AddListener(listener);
-    listener->Start();
+    if (!listener->Start()) {
+        engine.TakeListener(id);
+        listener->Stop();
+        return -1;
+    }
     return id;
 }
 

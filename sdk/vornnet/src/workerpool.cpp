@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <system_error>
 
+#include "priority.h"
+
 namespace vorn {
 
 namespace {
@@ -31,6 +33,7 @@ void WorkerPool::Submit(std::function<void()> task) {
 }
 
 void WorkerPool::Work(Threads::iterator self) {
+    KeepProcessPriority();  // started from a raised I/O thread; requests are ordinary work
     std::unique_lock<std::mutex> lock(m_mutex);
     for (;;) {
         m_wake.wait_for(lock, kIdleLife, [this] { return !m_tasks.empty() || m_draining; });
