@@ -121,11 +121,17 @@ Connection::~Connection() {
 
 // ---- reading ----
 
+// Left uninitialised: the pages of a large buffer cost memory only once reads reach them.
+void Connection::GrowReadBuffer(size_t size) {
+    m_readBuffer.reset(new uint8_t[size]);
+    m_readSize = size;
+}
+
 void Connection::DoRead() {
     if (m_closed) return;
-    if (m_readBuffer.empty()) m_readBuffer.resize(kReadStart);
+    if (!m_readBuffer) GrowReadBuffer(kReadStart);
     m_socket.async_read_some(
-        asio::buffer(m_readBuffer),
+        asio::buffer(m_readBuffer.get(), m_readSize),
         [self = shared_from_this()](const std::error_code& ec, size_t n) { self->OnRead(ec, n); });
 }
 
@@ -139,19 +145,19 @@ void Connection::OnRead(const std::error_code& ec, size_t n) {
         return;
     }
     if (m_closed) return;
-    const bool filled = n == m_readBuffer.size();
+    const bool filled = n == m_readSize;
     bool delivered = false;
-    bool intact = m_codec->Consume(m_readBuffer.data(), n,
-                                   [this, &delivered](std::vector<uint8_t>&& message) {
-                                       delivered = true;
-                                       Deliver(std::move(message));
-                                   });
+    bool intact =
+        m_codec->Consume(m_readBuffer.get(), n, [this, &delivered](std::vector<uint8_t>&& message) {
+            delivered = true;
+            Deliver(std::move(message));
+        });
     if (!intact) {
         Refuse();
         return;
     }
     TouchIdleTimer(delivered);
-    if (filled && m_readBuffer.size() < kReadMax) m_readBuffer.resize(kReadMax);
+    if (filled && m_readSize < kReadMax) GrowReadBuffer(kReadMax);
     if (PauseForBacklog()) return;
     DoRead();
 }

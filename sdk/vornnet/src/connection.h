@@ -65,6 +65,7 @@ public:
 private:
     void Queue(OutFrame frame);
     // On the socket's strand:
+    void GrowReadBuffer(size_t size);
     void DoRead();
     void OnRead(const std::error_code& ec, size_t n);
     void Deliver(std::vector<uint8_t>&& message);
@@ -105,7 +106,8 @@ private:
     asio::steady_timer m_closeTimer;
     // Small until a read fills it: thousands of idle clients then cost little memory,
     // and a client sending large frames still reads them in big steps.
-    std::vector<uint8_t> m_readBuffer;
+    std::unique_ptr<uint8_t[]> m_readBuffer;
+    size_t m_readSize = 0;
     std::chrono::steady_clock::time_point m_frameStart;  // of the pending frame
     bool m_framePending = false;
     bool m_idleArmed = false;
