@@ -1,6 +1,8 @@
 // The maintenance thread: every 5 s it retires one finished or stale media consumer, lets
 // the device pool log out idle devices, and adopts the next region that other programs
-// added to the database.
+// added to the database; every minute it hands freed heap pages back to the system.
+#include <malloc.h>
+
 #include <chrono>
 #include <cstdio>
 #include <mutex>
@@ -16,6 +18,10 @@
 namespace {
 
 constexpr uint32_t kRoundMs = 5000;
+// Thousands of short-lived links and queued rows, freed on many threads, leave free pages
+// scattered through the allocator's arenas; returned now and then, they do not add up to
+// a slow growth of resident memory over days.
+constexpr uint32_t kTrimMs = 60000;
 constexpr auto kSleep = std::chrono::milliseconds(500);
 constexpr uint32_t kCaptureLimitMs = 5000;
 constexpr uint32_t kNoDataLimitMs = 5000;
@@ -58,6 +64,7 @@ void CCMSSvrDlg::MessageProcessRun(bool start) {
 int CCMSSvrDlg::TransMessageThread(CCMSSvrDlg* self) {
     uint32_t linkMark = GetTickCount();
     uint32_t regionMark = linkMark;
+    uint32_t trimMark = linkMark;
     while (!self->m_bMsgExit) {
         if (GetTickCount() - linkMark > kRoundMs) {
             self->Checklinks();
@@ -67,6 +74,10 @@ int CCMSSvrDlg::TransMessageThread(CCMSSvrDlg* self) {
         if (GetTickCount() - regionMark > kRoundMs) {
             self->PollNewRegion();
             regionMark = GetTickCount();  // also after a failed connection: retried in 5 s
+        }
+        if (GetTickCount() - trimMark > kTrimMs) {
+            malloc_trim(0);
+            trimMark = GetTickCount();
         }
         std::unique_lock<std::mutex> lock(self->m_msgWaitLock);
         self->m_msgWake.wait_for(lock, kSleep, [self] { return self->m_bMsgExit.load(); });
